@@ -1,0 +1,10 @@
+#include "commands.h"
+#include "logmanager/enable_logmanager.h"
+
+// In the order the words are compared; the first match wins.
+const tarn_command tarn_commands[] = {
+    {6, "enable-logmanager", parse_opts_enable_logmanager,
+     [](const char *path) { (void)exec_enable_logmanager(path); }},
+};
+
+const size_t tarn_command_count = sizeof tarn_commands / sizeof tarn_commands[0];

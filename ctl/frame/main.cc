@@ -1,0 +1,3 @@
+#include "tarn_ctl.h"
+
+int main(int argc, char **argv) { tarn_ctl_main(argc, argv); }

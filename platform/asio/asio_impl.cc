@@ -1,0 +1,2 @@
+// The one translation unit that holds Asio's compiled code.
+#include <boost/asio/impl/src.hpp>

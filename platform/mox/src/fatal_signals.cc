@@ -1,0 +1,77 @@
+// Crash reports: a crash signal prints what happened and a backtrace, then
+// the process dies of the same signal.
+#include <execinfo.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal.h"
+#include "mox/process.h"
+
+namespace {
+
+constexpr size_t kAltStackSize = 64 * 1024;
+
+std::atomic<bool> g_installed{false};
+thread_local char t_altstack[kAltStackSize];
+
+void write_str(const char *s) { (void)!write(STDERR_FILENO, s, strlen(s)); }
+
+void fatal_handler(int sig)
+{
+    char name[16] = "?";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    char line[160];
+    snprintf(line, sizeof line, "fatal signal %d (%s) in thread '%s'; backtrace:\n", sig,
+             strsignal(sig), name);
+    write_str(line);
+    void *frames[64];
+    int n = backtrace(frames, 64);
+    backtrace_symbols_fd(frames, n, STDERR_FILENO);
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+} // namespace
+
+namespace mox_detail {
+
+// Coroutine stacks end in a guard page: an overflow needs a stack of its own
+// for the report.
+void install_thread_altstack()
+{
+    if (!g_installed.load())
+        return;
+    stack_t ss{};
+    ss.ss_sp = t_altstack;
+    ss.ss_size = kAltStackSize;
+    sigaltstack(&ss, nullptr);
+}
+
+} // namespace mox_detail
+
+extern "C" void mox_signal_set_fatal_handlers(void)
+{
+#if defined(MOX_ASAN) || defined(MOX_TSAN)
+    // The sanitizers' own crash reports are better than ours.
+    return;
+#else
+    if (g_installed.exchange(true))
+        return;
+    // Load the unwinder now: it may allocate, which a handler must not do.
+    void *frames[1];
+    backtrace(frames, 1);
+    mox_detail::install_thread_altstack();
+    struct sigaction sa {};
+    sa.sa_handler = fatal_handler;
+    sa.sa_flags = SA_ONSTACK | SA_RESETHAND;
+    sigemptyset(&sa.sa_mask);
+    for (int sig : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT})
+        sigaction(sig, &sa, nullptr);
+#endif
+}
