@@ -1,0 +1,13 @@
+// Runs test code inside a coroutine on a real runtime process.
+#pragma once
+
+#include <functional>
+
+namespace tarn_test {
+
+// Starts a fresh process (loop thread and worker), runs `fn` in a coroutine
+// on its loop, and returns once `fn` has returned and the loop has stopped.
+// GoogleTest assertions inside `fn` work; a fatal one just returns from `fn`.
+void run_in_coroutine(const std::function<void()> &fn);
+
+} // namespace tarn_test
