@@ -1,0 +1,88 @@
+#include "sandbox.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace tarn_test {
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::string tool_path() { return TARN_CTL_PATH; }
+
+RunResult run_tool(const std::vector<std::string> &args, const RunOptions &opts)
+{
+    std::vector<std::string> argv{tool_path()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv, opts);
+}
+
+Sandbox::Sandbox()
+{
+    const char *tmp = getenv("TMPDIR");
+    std::string templ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarn-test-XXXXXX";
+    if (mkdtemp(templ.data()) == nullptr)
+        throw std::runtime_error("mkdtemp failed");
+    dir_ = templ;
+}
+
+Sandbox::~Sandbox()
+{
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+}
+
+std::string Sandbox::path(const std::string &rel) const { return dir_ + "/" + rel; }
+
+std::string Sandbox::write_file(const std::string &rel, const std::string &content,
+                                unsigned mode) const
+{
+    std::string p = path(rel);
+    fs::create_directories(fs::path(p).parent_path());
+    {
+        std::ofstream out(p, std::ios::binary | std::ios::trunc);
+        out << content;
+    }
+    chmod(p.c_str(), mode);
+    return p;
+}
+
+std::string Sandbox::read_file(const std::string &rel) const { return tarn_test::read_file(path(rel)); }
+
+bool Sandbox::exists(const std::string &rel) const
+{
+    struct stat st;
+    return lstat(path(rel).c_str(), &st) == 0;
+}
+
+std::string Sandbox::mkdir(const std::string &rel, unsigned mode) const
+{
+    std::string p = path(rel);
+    fs::create_directories(p);
+    chmod(p.c_str(), mode);
+    return p;
+}
+
+std::string Sandbox::write_config(const std::string &rel,
+                                  const std::vector<std::pair<std::string, std::string>> &pairs) const
+{
+    std::string text;
+    for (const auto &[k, v] : pairs)
+        text += k + " = " + v + "\n";
+    return write_file(rel, text);
+}
+
+} // namespace tarn_test
