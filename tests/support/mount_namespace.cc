@@ -44,17 +44,17 @@ bool shadow_dir(const std::string &dir, std::set<std::string> &shadowed, std::st
 {
     if (shadowed.count(dir) != 0)
         return true;
-    int fd = open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return fail(error, "open " + dir);
+    // A detached copy of the original tree, taken before the tmpfs covers it.
+    int tree = open_tree(AT_FDCWD, dir.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE);
+    if (tree < 0)
+        return fail(error, "open_tree " + dir);
     if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "mode=0755") != 0)
         return fail(error, "mount tmpfs on " + dir);
     std::string host = dir + "/" + kHostDir;
-    std::string original = "/proc/self/fd/" + std::to_string(fd);
     if (::mkdir(host.c_str(), 0755) != 0 ||
-        mount(original.c_str(), host.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-        return fail(error, "bind original " + dir);
-    close(fd);
+        move_mount(tree, "", AT_FDCWD, host.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
+        return fail(error, "attach original " + dir);
+    close(tree);
     DIR *d = opendir(host.c_str());
     if (d == nullptr)
         return fail(error, "opendir " + host);

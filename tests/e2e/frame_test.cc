@@ -1,0 +1,102 @@
+// The command frame as a user meets it: global options, usage, configuration
+// loading and dispatch, through the real binary.
+#include <gtest/gtest.h>
+
+#include "sandbox.h"
+
+using tarn_test::run_tool;
+using tarn_test::Sandbox;
+
+namespace {
+
+const char kUsage[] =
+    "TARN control tool.\n"
+    "SYNOPSIS: quillon-tarn-ctl <common options> command <command options>\n"
+    "\n"
+    "Common options:\n"
+    "  -c, --config <file>         read TARN configuration from <file>\n"
+    "  -d, --log-level <level>     set the logging verbosity level\n"
+    "  -h, --help                  show this message\n"
+    "\n"
+    "Commands:\n"
+    "  init-dirs encoding=M+N/X    initialise an empty hierarchy of directories for TARN\n"
+    "  upgrade-dirs                create missing directories after TARN update\n"
+    "  set-attr encoding=M+N/X     change storage parameters of TARN files\n"
+    "  pull                        pull accounts from another DC\n"
+    "  nfs                         mount/unmount NFS volume\n"
+    "  replication                 replication of files to another DC\n"
+    "  enable-logmanager           edit config files for logmanager\n";
+
+struct UsageCase {
+    std::vector<std::string> args;
+    std::string err_before_usage; // what precedes the usage text on stderr
+};
+
+class FrameUsage : public ::testing::TestWithParam<UsageCase> {};
+
+TEST_P(FrameUsage, PrintsUsageAndExits255)
+{
+    Sandbox sb;
+    std::string conf = sb.write_config("tarn.config", {{"root_dir", sb.dir()}});
+    std::vector<std::string> args;
+    for (const auto &a : GetParam().args)
+        args.push_back(a == "@CONF" ? conf : a);
+    auto r = run_tool(args);
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.out, "");
+    ASSERT_GE(r.err.size(), sizeof kUsage - 1);
+    EXPECT_EQ(r.err.substr(r.err.size() - (sizeof kUsage - 1)), kUsage);
+    std::string before = r.err.substr(0, r.err.size() - (sizeof kUsage - 1));
+    // libc's own diagnostic comes first for bad options; only our line is ours.
+    EXPECT_TRUE(before.size() >= GetParam().err_before_usage.size() &&
+                before.compare(before.size() - GetParam().err_before_usage.size(),
+                               std::string::npos, GetParam().err_before_usage) == 0)
+        << before;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, FrameUsage,
+    ::testing::Values(
+        UsageCase{{}, "No command specified.\n"}, UsageCase{{"-h"}, ""},
+        UsageCase{{"--help"}, ""}, UsageCase{{"--he"}, ""},
+        UsageCase{{"-c", "@CONF", "-d", "3"}, "No command specified.\n"},
+        UsageCase{{"--log-level", "3", "enable-logmanager"}, "Unknown option '--log-level'.\n"},
+        UsageCase{{"-x", "enable-logmanager"}, "Unknown option '-x'.\n"},
+        UsageCase{{"-c"}, "Unknown option '-c'.\n"},
+        UsageCase{{"-c", "@CONF", "foo"}, "Unknown command 'foo'.\n"},
+        UsageCase{{"-c", "@CONF", "enable-logmanagerx"}, "Unknown command 'enable-logmanagerx'.\n"},
+        UsageCase{{"-c", "@CONF", "Enable-Logmanager"}, "Unknown command 'Enable-Logmanager'.\n"},
+        UsageCase{{"--conf", "@CONF", "--debug", "2", "enable"}, "Unknown command 'enable'.\n"}));
+
+TEST(Frame, NoCommandDoesNotOpenTheConfiguration)
+{
+    auto r = run_tool({"-c", "/nonexistent/tarn.config"});
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.err.find("Failed to open"), std::string::npos);
+}
+
+TEST(Frame, BadConfigurationFailsBeforeTheCommandWordIsChecked)
+{
+    Sandbox sb;
+    std::string bad = sb.write_file("bad.config", "root_dir = /x\nthis is not a pair\n");
+    for (const std::string &path : {std::string("/nonexistent/tarn.config"), bad}) {
+        auto r = run_tool({"-c", path, "no-such-command"});
+        EXPECT_EQ(r.status, 1);
+        EXPECT_NE(r.err.find(" E Failed to open or parse config file '" + path + "'\n"),
+                  std::string::npos)
+            << r.err;
+        EXPECT_EQ(r.err.find("Unknown command"), std::string::npos);
+    }
+}
+
+TEST(Frame, GlobalOptionsStopAtTheCommandWord)
+{
+    // "-h" after the command word belongs to the command, which ignores it.
+    Sandbox sb;
+    std::string conf = sb.write_config("tarn.config", {{"root_dir", sb.dir()}});
+    auto r = run_tool({"-c", conf, "no-such", "-h"});
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.err.rfind("Unknown command 'no-such'.\n", 0), 0u) << r.err;
+}
+
+} // namespace
