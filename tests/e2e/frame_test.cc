@@ -1,5 +1,7 @@
 // The command frame as a user meets it: global options, usage, configuration
 // loading and dispatch, through the real binary.
+#include <cctype>
+
 #include <gtest/gtest.h>
 
 #include "sandbox.h"
@@ -66,7 +68,16 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"-c", "@CONF", "foo"}, "Unknown command 'foo'.\n"},
         UsageCase{{"-c", "@CONF", "enable-logmanagerx"}, "Unknown command 'enable-logmanagerx'.\n"},
         UsageCase{{"-c", "@CONF", "Enable-Logmanager"}, "Unknown command 'Enable-Logmanager'.\n"},
-        UsageCase{{"--conf", "@CONF", "--debug", "2", "enable"}, "Unknown command 'enable'.\n"}));
+        UsageCase{{"--conf", "@CONF", "--debug", "2", "enable"}, "Unknown command 'enable'.\n"}),
+    [](const ::testing::TestParamInfo<UsageCase> &info) {
+        std::string name = "args";
+        for (const auto &a : info.param.args) {
+            for (char c : a)
+                name += isalnum(static_cast<unsigned char>(c)) ? c : '_';
+            name += '_';
+        }
+        return name + std::to_string(info.index);
+    });
 
 TEST(Frame, NoCommandDoesNotOpenTheConfiguration)
 {
