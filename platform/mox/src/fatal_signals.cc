@@ -22,7 +22,7 @@ thread_local char t_altstack[kAltStackSize];
 
 void write_str(const char *s) { (void)!write(STDERR_FILENO, s, strlen(s)); }
 
-void fatal_handler(int sig)
+[[maybe_unused]] void fatal_handler(int sig)
 {
     char name[16] = "?";
     pthread_getname_np(pthread_self(), name, sizeof name);

@@ -1,0 +1,23 @@
+# Entry points; the work is done by scripts/ and the CMake presets.
+.PHONY: build test test-asan demo bench clean
+
+build:
+	scripts/install-deps
+	scripts/build dev
+
+test:
+	scripts/test dev
+
+test-asan:
+	scripts/test asan
+
+demo:
+	scripts/demo
+
+bench:
+	scripts/install-deps
+	scripts/build release
+	bench/run
+
+clean:
+	rm -rf build
