@@ -45,13 +45,13 @@ TEST(Coroutines, InterleaveAtYieldsAndJoin)
         EXPECT_EQ(thread_name(), "eventloop");
         std::function<void()> a = [&] {
             for (int i = 0; i < 3; ++i) {
-                trace.push_back("a" + std::to_string(i));
+                trace.push_back(std::to_string(i).insert(0, 1, 'a'));
                 mox_co_yield();
             }
         };
         std::function<void()> b = [&] {
             for (int i = 0; i < 3; ++i) {
-                trace.push_back("b" + std::to_string(i));
+                trace.push_back(std::to_string(i).insert(0, 1, 'b'));
                 mox_co_yield();
             }
         };

@@ -1,6 +1,7 @@
 // Crash reports: a crash signal prints what happened and a backtrace, then
 // the process dies of the same signal.
 #include <execinfo.h>
+#include <unwind.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -10,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal.h"
 #include "mox/process.h"
 
 namespace {
@@ -19,6 +19,21 @@ constexpr size_t kAltStackSize = 64 * 1024;
 
 std::atomic<bool> g_installed{false};
 thread_local char t_altstack[kAltStackSize];
+
+struct Frames {
+    void **at;
+    int n;
+    int max;
+};
+
+_Unwind_Reason_Code collect_frame(struct _Unwind_Context *uc, void *arg)
+{
+    auto *f = static_cast<Frames *>(arg);
+    if (f->n >= f->max)
+        return _URC_END_OF_STACK;
+    f->at[f->n++] = reinterpret_cast<void *>(_Unwind_GetIP(uc));
+    return _URC_NO_REASON;
+}
 
 void write_str(const char *s) { (void)!write(STDERR_FILENO, s, strlen(s)); }
 
@@ -30,9 +45,12 @@ void write_str(const char *s) { (void)!write(STDERR_FILENO, s, strlen(s)); }
     snprintf(line, sizeof line, "fatal signal %d (%s) in thread '%s'; backtrace:\n", sig,
              strsignal(sig), name);
     write_str(line);
+    // The unwinder linked into the program needs no loading here, unlike
+    // backtrace(), which would load a library inside the handler.
     void *frames[64];
-    int n = backtrace(frames, 64);
-    backtrace_symbols_fd(frames, n, STDERR_FILENO);
+    Frames f{frames, 0, 64};
+    _Unwind_Backtrace(collect_frame, &f);
+    backtrace_symbols_fd(frames, f.n, STDERR_FILENO);
     signal(sig, SIG_DFL);
     raise(sig);
 }
@@ -40,6 +58,8 @@ void write_str(const char *s) { (void)!write(STDERR_FILENO, s, strlen(s)); }
 } // namespace
 
 namespace mox_detail {
+
+void install_thread_altstack();
 
 // Coroutine stacks end in a guard page: an overflow needs a stack of its own
 // for the report.
@@ -63,9 +83,6 @@ extern "C" void mox_signal_set_fatal_handlers(void)
 #else
     if (g_installed.exchange(true))
         return;
-    // Load the unwinder now: it may allocate, which a handler must not do.
-    void *frames[1];
-    backtrace(frames, 1);
     mox_detail::install_thread_altstack();
     struct sigaction sa {};
     sa.sa_handler = fatal_handler;
