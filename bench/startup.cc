@@ -2,21 +2,20 @@
 // the median and 90th-percentile wall time and the peak resident set size,
 // next to /bin/true measured the same way.
 //   bench_startup [RUNS] -- CMD [ARG]... [-- CMD [ARG]...]...
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <fcntl.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
-namespace {
+namespace
+{
 
 struct Sample {
     double wall_ms;

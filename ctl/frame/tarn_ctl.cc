@@ -2,16 +2,15 @@
 // table, and the root coroutine that runs the chosen command.
 #include "tarn_ctl.h"
 
-#include <getopt.h>
+#include "commands.h"
+#include "mox/mox.h"
 
 #include <csignal>
-#include <initializer_list>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "commands.h"
-#include "mox/mox.h"
+#include <getopt.h>
+#include <initializer_list>
 
 mox_config *config = nullptr;
 const char *config_path = "/etc/quillon/tarn.config";
@@ -19,7 +18,8 @@ int32_t cmd = 0;
 mox_process proc;
 mox_job job;
 
-namespace {
+namespace
+{
 
 const char kUsage[] =
     "TARN control tool.\n"
@@ -99,7 +99,10 @@ int32_t start_co(mox_co *, void *)
     return 0;
 }
 
-void *start(mox_job *, void *) { return mox_co_create(nullptr, start_co, nullptr); }
+void *start(mox_job *, void *)
+{
+    return mox_co_create(nullptr, start_co, nullptr);
+}
 
 } // namespace
 

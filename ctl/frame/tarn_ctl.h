@@ -1,10 +1,10 @@
 // The command frame: program-wide state and the entry point.
 #pragma once
 
-#include <cstdint>
-
 #include "mox/config.h"
 #include "mox/process.h"
+
+#include <cstdint>
 
 // The loaded gateway configuration; null only while "replication" runs
 // without a readable configuration file.

@@ -1,15 +1,15 @@
 #include "enable_logmanager.h"
 
-#include <sys/wait.h>
+#include "mox/mox.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/wait.h>
 
-#include "mox/mox.h"
-
-namespace {
+namespace
+{
 
 const char kCommentOut[] = "sed -i /etc/quillon/tarn.config -e \"s/\\(log\\..*=\\)/#\\1/\"";
 const char kServiceConf[] = "/etc/logmanager.d/tarn.conf";

@@ -1,15 +1,15 @@
 // The command frame as a user meets it: global options, usage, configuration
 // loading and dispatch, through the real binary.
-#include <cctype>
-
-#include <gtest/gtest.h>
-
 #include "sandbox.h"
+
+#include <cctype>
+#include <gtest/gtest.h>
 
 using tarn_test::run_tool;
 using tarn_test::Sandbox;
 
-namespace {
+namespace
+{
 
 const char kUsage[] =
     "TARN control tool.\n"
@@ -34,7 +34,9 @@ struct UsageCase {
     std::string err_before_usage; // what precedes the usage text on stderr
 };
 
-class FrameUsage : public ::testing::TestWithParam<UsageCase> {};
+class FrameUsage : public ::testing::TestWithParam<UsageCase>
+{
+};
 
 TEST_P(FrameUsage, PrintsUsageAndExits255)
 {
@@ -59,9 +61,8 @@ TEST_P(FrameUsage, PrintsUsageAndExits255)
 INSTANTIATE_TEST_SUITE_P(
     Cases, FrameUsage,
     ::testing::Values(
-        UsageCase{{}, "No command specified.\n"}, UsageCase{{"-h"}, ""},
-        UsageCase{{"--help"}, ""}, UsageCase{{"--he"}, ""},
-        UsageCase{{"-c", "@CONF", "-d", "3"}, "No command specified.\n"},
+        UsageCase{{}, "No command specified.\n"}, UsageCase{{"-h"}, ""}, UsageCase{{"--help"}, ""},
+        UsageCase{{"--he"}, ""}, UsageCase{{"-c", "@CONF", "-d", "3"}, "No command specified.\n"},
         UsageCase{{"--log-level", "3", "enable-logmanager"}, "Unknown option '--log-level'.\n"},
         UsageCase{{"-x", "enable-logmanager"}, "Unknown option '-x'.\n"},
         UsageCase{{"-c"}, "Unknown option '-c'.\n"},

@@ -1,14 +1,15 @@
 // enable-logmanager against private copies of /etc/quillon and
 // /etc/logmanager.d in a mount namespace: the real /etc is never touched.
-#include <gtest/gtest.h>
-
 #include "sandbox.h"
 
-using tarn_test::RunOptions;
+#include <gtest/gtest.h>
+
 using tarn_test::run_tool;
+using tarn_test::RunOptions;
 using tarn_test::Sandbox;
 
-namespace {
+namespace
+{
 
 const char kAppended[] = "log.path = /var/log/quillon/tarn\n"
                          "log.filename_prefix = tarn\n"
@@ -16,7 +17,8 @@ const char kAppended[] = "log.path = /var/log/quillon/tarn\n"
                          "log.max_file_size = 200M\n";
 const char kServiceConf[] = "path: \"/var/log/quillon/tarn\"\n";
 
-class EnableLogmanager : public ::testing::Test {
+class EnableLogmanager : public ::testing::Test
+{
   protected:
     void SetUp() override
     {
@@ -49,12 +51,12 @@ TEST_F(EnableLogmanager, CommentsOutLogSettingsAndAppendsFixedOnes)
     auto r = run_tool({"enable-logmanager", "extra", "words"}, opts());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"), std::string("root_dir = /srv\n"
-                                                                     "#log.level = 4\n"
-                                                                     "  #log.path=/tmp/x\n"
-                                                                     "some.#log.key = 1\n"
-                                                                     "# see log. for details\n"
-                                                                     "##log.old = 5\n") +
-                                                             kAppended);
+                                                                    "#log.level = 4\n"
+                                                                    "  #log.path=/tmp/x\n"
+                                                                    "some.#log.key = 1\n"
+                                                                    "# see log. for details\n"
+                                                                    "##log.old = 5\n") +
+                                                            kAppended);
     EXPECT_EQ(sb_.read_file("etc-logmanager/tarn.conf"), kServiceConf);
 }
 
@@ -79,7 +81,8 @@ TEST_F(EnableLogmanager, OtherConfigGetsTheLinesDefaultGetsCommentedOut)
     auto r = run_tool({"--config", other, "enable-logmanager"}, opts());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"), "root_dir = /srv\n#log.level = 1\n");
-    EXPECT_EQ(sb_.read_file("other.conf"), std::string("root_dir = /other\nlog.level = 2\n") + kAppended);
+    EXPECT_EQ(sb_.read_file("other.conf"),
+              std::string("root_dir = /other\nlog.level = 2\n") + kAppended);
 }
 
 TEST_F(EnableLogmanager, MissingDefaultConfigOnlyWarnsThroughSed)
@@ -97,8 +100,9 @@ TEST_F(EnableLogmanager, MissingLogmanagerDirectoryFailsAfterTheEdits)
     sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv\nlog.level = 1\n");
     auto r = run_tool({"enable-logmanager"}, opts(false));
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(" E Can't open '/etc/logmanager.d/tarn.conf': No such file or directory\n"),
-              std::string::npos)
+    EXPECT_NE(
+        r.err.find(" E Can't open '/etc/logmanager.d/tarn.conf': No such file or directory\n"),
+        std::string::npos)
         << r.err;
     EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"),
               std::string("root_dir = /srv\n#log.level = 1\n") + kAppended);

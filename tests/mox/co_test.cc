@@ -1,21 +1,20 @@
 // Coroutines, waits, wait queues, contexts and migration on the real loop.
-#include <pthread.h>
+#include "co_runner.h"
+#include "mox/mox.h"
 
 #include <cerrno>
 #include <functional>
+#include <gtest/gtest.h>
+#include <pthread.h>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "co_runner.h"
-#include "mox/mox.h"
-
 using tarn_test::run_in_coroutine;
 
-namespace {
+namespace
+{
 
 // Runs a std::function as a child coroutine.
 int32_t call_fn(mox_co *, void *arg)
@@ -36,7 +35,10 @@ std::string thread_name()
     return name;
 }
 
-MOX_NOINLINE int *errno_address() { return &errno; }
+MOX_NOINLINE int *errno_address()
+{
+    return &errno;
+}
 
 TEST(Coroutines, InterleaveAtYieldsAndJoin)
 {
@@ -235,7 +237,8 @@ TEST(Migration, DeepStacksAndExceptionsSurviveSwitches)
         std::function<void()> child = [&] {
             total = deep(200);
             try {
-                mox_loop *back = mox_co_migrate_to_thread(mox_process_worker(mox_current_process()));
+                mox_loop *back =
+                    mox_co_migrate_to_thread(mox_process_worker(mox_current_process()));
                 mox_co_migrate_from_thread(back);
                 throw std::runtime_error("after a switch");
             } catch (const std::exception &e) {
@@ -258,12 +261,15 @@ TEST(Process, ExitCodeStartsAtZeroAndThreadsAreNamed)
         mox_process *proc;
         std::string name;
     } seen{&proc, ""};
-    mox_job_init(&proc, &job, [](mox_job *, void *arg) -> void * {
-        auto *s = static_cast<Seen *>(arg);
-        s->name = thread_name();
-        mox_process_terminate(s->proc);
-        return nullptr;
-    }, &seen);
+    mox_job_init(
+        &proc, &job,
+        [](mox_job *, void *arg) -> void * {
+            auto *s = static_cast<Seen *>(arg);
+            s->name = thread_name();
+            mox_process_terminate(s->proc);
+            return nullptr;
+        },
+        &seen);
     mox_job_wakeup(&job);
     ASSERT_EQ(mox_process_start(&proc, "eventloop"), 0);
     mox_process_wait(&proc);

@@ -1,14 +1,14 @@
 // The configuration text: what parses, what does not, round trips, numbers
 // and references.
-#include <cstdio>
-#include <cstring>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "mox/mox.h"
 
-namespace {
+#include <cstdio>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace
+{
 
 struct ConfigPtr {
     mox_config *p;
@@ -50,8 +50,9 @@ TEST(ConfigText, AcceptedLines)
 TEST(ConfigText, RejectedTexts)
 {
     const char *bad[] = {
-        "no equals sign\n", "= value without key\n", "key with space = 1\n", "k$y = 1\n",
-        "ok = 1\nbroken line\n", "ключ = 1\n", "key : value\n",
+        "no equals sign\n", "= value without key\n", "key with space = 1\n",
+        "k$y = 1\n",        "ok = 1\nbroken line\n", "ключ = 1\n",
+        "key : value\n",
     };
     for (const char *text : bad)
         EXPECT_EQ(mox_read_config_mem(text), nullptr) << text;

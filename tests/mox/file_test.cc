@@ -1,24 +1,23 @@
 // Coroutine file operations: results, errno mapping, and that blocking calls
 // leave the loop free.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <functional>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "co_runner.h"
 #include "mox/mox.h"
 #include "sandbox.h"
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
 using tarn_test::run_in_coroutine;
 using tarn_test::Sandbox;
 
-namespace {
+namespace
+{
 
 TEST(FileOps, WriteReadSyncRenameStatUnlink)
 {
@@ -89,10 +88,13 @@ TEST(FileOps, BlockingCallLeavesTheLoopRunning)
             EXPECT_EQ(write(fd, "x", 1), 1);
             close(fd);
         };
-        mox_co_create(nullptr, [](mox_co *, void *arg) -> int32_t {
-            (*static_cast<std::function<void()> *>(arg))();
-            return 0;
-        }, &writer);
+        mox_co_create(
+            nullptr,
+            [](mox_co *, void *arg) -> int32_t {
+                (*static_cast<std::function<void()> *>(arg))();
+                return 0;
+            },
+            &writer);
         mox_co_file *f = nullptr;
         ASSERT_EQ(mox_co_file_open(fifo.c_str(), O_RDONLY, 0600, &f), 0);
         char c = 0;

@@ -1,21 +1,20 @@
 // base64, error codes, the allocator's accounting, log lines and the reports
 // that end the program.
-#include <fcntl.h>
-#include <unistd.h>
+#include "mox/mox.h"
+#include "sandbox.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <string>
-
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <string>
+#include <unistd.h>
 
-#include "mox/mox.h"
-#include "sandbox.h"
-
-namespace {
+namespace
+{
 
 std::string b64(const std::string &in, size_t limit)
 {
@@ -28,8 +27,13 @@ TEST(Base64, KnownVectorsAndTruncation)
 {
     // The test vectors of RFC 4648.
     const std::pair<const char *, const char *> vectors[] = {
-        {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
-        {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+        {"", ""},
+        {"f", "Zg=="},
+        {"fo", "Zm8="},
+        {"foo", "Zm9v"},
+        {"foob", "Zm9vYg=="},
+        {"fooba", "Zm9vYmE="},
+        {"foobar", "Zm9vYmFy"},
     };
     for (const auto &[in, out] : vectors)
         EXPECT_EQ(b64(in, 64), out) << in;
@@ -89,9 +93,9 @@ TEST(Keys, PemFilesWithCertificateAndKey)
     tarn_test::Sandbox sb;
     std::string pem = sb.path("site.pem");
     std::string cmd = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
-                      "-subj /CN=t -days 1 -keyout " + sb.path("k.pem") + " -out " +
-                      sb.path("c.pem") + " 2>/dev/null && cat " + sb.path("c.pem") + " " +
-                      sb.path("k.pem") + " > " + pem;
+                      "-subj /CN=t -days 1 -keyout " +
+                      sb.path("k.pem") + " -out " + sb.path("c.pem") + " 2>/dev/null && cat " +
+                      sb.path("c.pem") + " " + sb.path("k.pem") + " > " + pem;
     ASSERT_EQ(system(cmd.c_str()), 0);
     EVP_PKEY *key = nullptr;
     ASSERT_EQ(mox_pkey_from_pem_file(pem.c_str(), &key), 0);
@@ -157,10 +161,13 @@ TEST_F(LogDeathTest, SigtermEndsTheRunWithALogLine)
             static mox_process proc;
             static mox_job job;
             mox_process_init(&proc);
-            mox_job_init(&proc, &job, [](mox_job *, void *) -> void * {
-                kill(getpid(), SIGTERM);
-                return nullptr;
-            }, nullptr);
+            mox_job_init(
+                &proc, &job,
+                [](mox_job *, void *) -> void * {
+                    kill(getpid(), SIGTERM);
+                    return nullptr;
+                },
+                nullptr);
             mox_job_wakeup(&job);
             mox_process_start(&proc, "eventloop");
             mox_process_wait(&proc); // never returns: the signal ends the run

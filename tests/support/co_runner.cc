@@ -2,9 +2,11 @@
 
 #include "mox/mox.h"
 
-namespace tarn_test {
+namespace tarn_test
+{
 
-namespace {
+namespace
+{
 
 struct Run {
     mox_process proc{};

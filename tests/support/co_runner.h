@@ -3,7 +3,8 @@
 
 #include <functional>
 
-namespace tarn_test {
+namespace tarn_test
+{
 
 // Starts a fresh process (loop thread and worker), runs `fn` in a coroutine
 // on its loop, and returns once `fn` has returned and the loop has stopped.

@@ -1,21 +1,22 @@
 // Private mount namespaces for tests of code that uses fixed system paths.
+#include "sandbox.h"
+
+#include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <set>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-#include <set>
+namespace tarn_test
+{
 
-#include "sandbox.h"
-
-namespace tarn_test {
-
-namespace {
+namespace
+{
 
 const char kHostDir[] = ".tarn-host";
 

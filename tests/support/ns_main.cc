@@ -1,16 +1,16 @@
 // tarn-test-ns: runs a command in a private mount namespace with sandbox
 // paths bound over fixed system paths, for the demo and for manual checks.
 //   tarn-test-ns [--bind SOURCE TARGET]... -- COMMAND [ARG]...
-#include <unistd.h>
+#include "sandbox.h"
 
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
-#include "sandbox.h"
-
-namespace tarn_test {
+namespace tarn_test
+{
 bool enter_mount_namespace(const RunOptions &opts, std::string &error);
 }
 

@@ -1,24 +1,25 @@
 // Runs a program with a time limit and collects its output.
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "sandbox.h"
 
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <map>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include "sandbox.h"
-
-namespace tarn_test {
+namespace tarn_test
+{
 
 // Defined in mount_namespace.cc: runs in the child, before exec.
 bool enter_mount_namespace(const RunOptions &opts, std::string &error);
 
-namespace {
+namespace
+{
 
 std::vector<std::string> build_env(const RunOptions &opts)
 {

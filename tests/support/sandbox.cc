@@ -1,17 +1,17 @@
 #include "sandbox.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
-namespace tarn_test {
+namespace tarn_test
+{
 
 std::string read_file(const std::string &path)
 {
@@ -21,7 +21,10 @@ std::string read_file(const std::string &path)
     return s.str();
 }
 
-std::string tool_path() { return TARN_CTL_PATH; }
+std::string tool_path()
+{
+    return TARN_CTL_PATH;
+}
 
 RunResult run_tool(const std::vector<std::string> &args, const RunOptions &opts)
 {
@@ -33,7 +36,8 @@ RunResult run_tool(const std::vector<std::string> &args, const RunOptions &opts)
 Sandbox::Sandbox()
 {
     const char *tmp = getenv("TMPDIR");
-    std::string templ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarn-test-XXXXXX";
+    std::string templ =
+        std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarn-test-XXXXXX";
     if (mkdtemp(templ.data()) == nullptr)
         throw std::runtime_error("mkdtemp failed");
     dir_ = templ;
@@ -45,7 +49,10 @@ Sandbox::~Sandbox()
     fs::remove_all(dir_, ec);
 }
 
-std::string Sandbox::path(const std::string &rel) const { return dir_ + "/" + rel; }
+std::string Sandbox::path(const std::string &rel) const
+{
+    return dir_ + "/" + rel;
+}
 
 std::string Sandbox::write_file(const std::string &rel, const std::string &content,
                                 unsigned mode) const
@@ -60,7 +67,10 @@ std::string Sandbox::write_file(const std::string &rel, const std::string &conte
     return p;
 }
 
-std::string Sandbox::read_file(const std::string &rel) const { return tarn_test::read_file(path(rel)); }
+std::string Sandbox::read_file(const std::string &rel) const
+{
+    return tarn_test::read_file(path(rel));
+}
 
 bool Sandbox::exists(const std::string &rel) const
 {
@@ -76,8 +86,9 @@ std::string Sandbox::mkdir(const std::string &rel, unsigned mode) const
     return p;
 }
 
-std::string Sandbox::write_config(const std::string &rel,
-                                  const std::vector<std::pair<std::string, std::string>> &pairs) const
+std::string
+Sandbox::write_config(const std::string &rel,
+                      const std::vector<std::pair<std::string, std::string>> &pairs) const
 {
     std::string text;
     for (const auto &[k, v] : pairs)

@@ -9,7 +9,8 @@
 #include <utility>
 #include <vector>
 
-namespace tarn_test {
+namespace tarn_test
+{
 
 struct RunResult {
     int status = -1;        // exit status; 128 + signal number when killed by a signal
@@ -45,7 +46,8 @@ RunResult run_tool(const std::vector<std::string> &args, const RunOptions &opts 
 std::optional<std::string> namespace_unavailable_reason();
 
 // A fresh directory under $TMPDIR (or /tmp), removed with all it holds.
-class Sandbox {
+class Sandbox
+{
   public:
     Sandbox();
     ~Sandbox();

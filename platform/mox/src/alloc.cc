@@ -1,6 +1,8 @@
 // The accounting allocator: every block carries a small header naming its
 // call site, so live blocks can be counted per site.
-#include <unistd.h>
+#include "mox/alloc.h"
+
+#include "mox/log.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -8,11 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <unistd.h>
 
-#include "mox/alloc.h"
-#include "mox/log.h"
-
-namespace {
+namespace
+{
 
 constexpr size_t kMaxSites = 4096;
 constexpr uint32_t kMagic = 0x6d6f7841; // "moxA"
@@ -75,7 +76,10 @@ void *allocate(mox_alloc_site *site, const char *where, size_t size, bool zero)
     return h + 1;
 }
 
-void report_at_exit() { mox_malloc_debug_report(STDERR_FILENO); }
+void report_at_exit()
+{
+    mox_malloc_debug_report(STDERR_FILENO);
+}
 
 } // namespace
 

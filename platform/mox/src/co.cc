@@ -1,14 +1,13 @@
 // Stackful coroutines on Boost.Context fibers, their waits and migration
 // between the loop thread and the worker thread.
-#include <cstdarg>
-#include <cstdio>
-
-#include <boost/asio/post.hpp>
-#include <boost/context/protected_fixedsize_stack.hpp>
-
 #include "internal.h"
 #include "mox/log.h"
 #include "mox/misc.h"
+
+#include <boost/asio/post.hpp>
+#include <boost/context/protected_fixedsize_stack.hpp>
+#include <cstdarg>
+#include <cstdio>
 
 #if defined(MOX_ASAN)
 #include <sanitizer/common_interface_defs.h>
@@ -21,7 +20,8 @@ namespace ctx = boost::context;
 using mox_detail::CoNext;
 using mox_detail::CoState;
 
-namespace {
+namespace
+{
 
 // Big enough for OpenSSL handshakes and formatted logging; pages are only
 // committed when touched.
@@ -149,7 +149,8 @@ void wake(mox_co *co, int result)
 
 } // namespace
 
-namespace mox_detail {
+namespace mox_detail
+{
 
 MOX_NOINLINE ThreadState *tls()
 {
@@ -255,9 +256,18 @@ void worker_main(mox_process *proc, mox_worker *w)
 
 extern "C" {
 
-MOX_NOINLINE mox_process *mox_current_process(void) { return mox_detail::tls()->proc; }
-MOX_NOINLINE mox_loop *mox_current_loop(void) { return mox_detail::tls()->loop; }
-MOX_NOINLINE mox_co *mox_current_co(void) { return mox_detail::tls()->co; }
+MOX_NOINLINE mox_process *mox_current_process(void)
+{
+    return mox_detail::tls()->proc;
+}
+MOX_NOINLINE mox_loop *mox_current_loop(void)
+{
+    return mox_detail::tls()->loop;
+}
+MOX_NOINLINE mox_co *mox_current_co(void)
+{
+    return mox_detail::tls()->co;
+}
 
 mox_co *mox_co_create(mox_context *context, mox_co_fn fn, void *arg)
 {
@@ -307,7 +317,10 @@ void mox_co_set_name(mox_co *co, const char *fmt, ...)
     co->name = buf;
 }
 
-const char *mox_co_get_name(const mox_co *co) { return co->name.c_str(); }
+const char *mox_co_get_name(const mox_co *co)
+{
+    return co->name.c_str();
+}
 
 int mox_co_join(mox_co *co)
 {
@@ -339,15 +352,30 @@ void mox_co_park(void)
     wait_common(&ms, false, true);
 }
 
-int mox_co_wait_timeout(int32_t *ms) { return wait_common(ms, false, false); }
+int mox_co_wait_timeout(int32_t *ms)
+{
+    return wait_common(ms, false, false);
+}
 
-int mox_co_io_wait_cancelable(int32_t *ms) { return wait_common(ms, true, false); }
+int mox_co_io_wait_cancelable(int32_t *ms)
+{
+    return wait_common(ms, true, false);
+}
 
-mox_list *mox_co_wait_link(mox_co *co) { return &co->wait_link; }
+mox_list *mox_co_wait_link(mox_co *co)
+{
+    return &co->wait_link;
+}
 
-mox_context *mox_co_get_ctx(const mox_co *co) { return co->ctx; }
+mox_context *mox_co_get_ctx(const mox_co *co)
+{
+    return co->ctx;
+}
 
-void mox_co_waitqueue_init(mox_co_waitqueue *q) { mox_list_init(&q->waiters); }
+void mox_co_waitqueue_init(mox_co_waitqueue *q)
+{
+    mox_list_init(&q->waiters);
+}
 
 void mox_co_waitqueue_add(mox_co_waitqueue *q, mox_co *co)
 {
@@ -355,7 +383,10 @@ void mox_co_waitqueue_add(mox_co_waitqueue *q, mox_co *co)
     mox_list_add_tail(&q->waiters, &co->wait_link);
 }
 
-void mox_co_waitqueue_del(mox_co *co) { mox_list_del_init(&co->wait_link); }
+void mox_co_waitqueue_del(mox_co *co)
+{
+    mox_list_del_init(&co->wait_link);
+}
 
 void mox_co_waitqueue_wakeup_all(mox_co_waitqueue *q)
 {
@@ -366,7 +397,10 @@ void mox_co_waitqueue_wakeup_all(mox_co_waitqueue *q)
     }
 }
 
-void mox_co_wakeup(mox_co *co) { wake(co, 0); }
+void mox_co_wakeup(mox_co *co)
+{
+    wake(co, 0);
+}
 
 void mox_co_set_ctx(mox_context *context)
 {
@@ -422,7 +456,8 @@ int mox_co_migrate_from_thread(mox_loop *loop)
 
 } // extern "C"
 
-namespace mox_detail {
+namespace mox_detail
+{
 
 void cancel_waiters(mox_loop *loop)
 {

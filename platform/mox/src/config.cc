@@ -1,6 +1,11 @@
 // The configuration store and its "key = value" text. This file only splits
 // text into pairs and joins pairs into text; what a key means lives with the
 // code that reads it.
+#include "mox/config.h"
+
+#include "mox/alloc.h"
+#include "mox/errors.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -14,10 +19,6 @@
 #include <type_traits>
 #include <vector>
 
-#include "mox/alloc.h"
-#include "mox/config.h"
-#include "mox/errors.h"
-
 struct mox_config {
     std::map<std::string, std::string, std::less<>> pairs;
     // Expanded values handed out; kept until the store is freed because
@@ -26,15 +27,19 @@ struct mox_config {
     std::vector<std::unique_ptr<std::string>> retired;
 };
 
-namespace {
+namespace
+{
 
 bool is_key_char(char c)
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           c == '_' || c == '-' || c == '.';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '-' || c == '.';
 }
 
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
+bool is_blank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f';
+}
 
 bool valid_key(std::string_view key)
 {
@@ -195,7 +200,8 @@ template <typename T> int store_number(const char *text, void *out)
     return 0;
 }
 
-template <bool Signed> int get_number(const mox_config *cfg, const char *key, void *out, size_t size)
+template <bool Signed>
+int get_number(const mox_config *cfg, const char *key, void *out, size_t size)
 {
     const char *s;
     int rc = mox_config_getstr(cfg, key, &s);
@@ -219,9 +225,15 @@ template <bool Signed> int get_number(const mox_config *cfg, const char *key, vo
 
 extern "C" {
 
-mox_config *mox_create_config(void) { return new (std::nothrow) mox_config; }
+mox_config *mox_create_config(void)
+{
+    return new (std::nothrow) mox_config;
+}
 
-void mox_free_config(mox_config *cfg) { delete cfg; }
+void mox_free_config(mox_config *cfg)
+{
+    delete cfg;
+}
 
 int mox_parse_config_file(mox_config *cfg, FILE *file)
 {
@@ -333,6 +345,9 @@ int mox_config_unset(mox_config *cfg, const char *key)
     return 0;
 }
 
-size_t mox_config_size(const mox_config *cfg) { return cfg->pairs.size(); }
+size_t mox_config_size(const mox_config *cfg)
+{
+    return cfg->pairs.size();
+}
 
 } // extern "C"

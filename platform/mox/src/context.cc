@@ -1,15 +1,15 @@
 // Reference-counted contexts: an id for log lines, a deadline and a
 // cancellation flag, both inherited by children.
+#include "internal.h"
+#include "mox/log.h"
+#include "mox/misc.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "internal.h"
-#include "mox/log.h"
-#include "mox/misc.h"
 
 struct mox_context {
     std::atomic<int> refs{1};
@@ -22,7 +22,10 @@ struct mox_context {
 
 extern "C" {
 
-mox_context *mox_context_alloc(void) { return new mox_context; }
+mox_context *mox_context_alloc(void)
+{
+    return new mox_context;
+}
 
 mox_context *mox_context_alloc_child(mox_context *parent)
 {

@@ -1,9 +1,9 @@
 // The one place where errno values become runtime codes, and their texts.
+#include "mox/errors.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-
-#include "mox/errors.h"
 
 extern "C" {
 

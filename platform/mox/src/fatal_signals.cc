@@ -1,19 +1,19 @@
 // Crash reports: a crash signal prints what happened and a backtrace, then
 // the process dies of the same signal.
-#include <execinfo.h>
-#include <unwind.h>
-#include <pthread.h>
-#include <unistd.h>
+#include "mox/process.h"
 
 #include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <execinfo.h>
+#include <pthread.h>
+#include <unistd.h>
+#include <unwind.h>
 
-#include "mox/process.h"
-
-namespace {
+namespace
+{
 
 constexpr size_t kAltStackSize = 64 * 1024;
 
@@ -35,7 +35,10 @@ _Unwind_Reason_Code collect_frame(struct _Unwind_Context *uc, void *arg)
     return _URC_NO_REASON;
 }
 
-void write_str(const char *s) { (void)!write(STDERR_FILENO, s, strlen(s)); }
+void write_str(const char *s)
+{
+    (void)!write(STDERR_FILENO, s, strlen(s));
+}
 
 [[maybe_unused]] void fatal_handler(int sig)
 {
@@ -57,7 +60,8 @@ void write_str(const char *s) { (void)!write(STDERR_FILENO, s, strlen(s)); }
 
 } // namespace
 
-namespace mox_detail {
+namespace mox_detail
+{
 
 void install_thread_altstack();
 
@@ -84,7 +88,8 @@ extern "C" void mox_signal_set_fatal_handlers(void)
     if (g_installed.exchange(true))
         return;
     mox_detail::install_thread_altstack();
-    struct sigaction sa {};
+    struct sigaction sa {
+    };
     sa.sa_handler = fatal_handler;
     sa.sa_flags = SA_ONSTACK | SA_RESETHAND;
     sigemptyset(&sa.sa_mask);

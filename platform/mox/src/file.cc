@@ -1,19 +1,23 @@
 // Coroutine file operations: each system call runs on the worker thread and
 // hands back its errno as a negative result before any switch can lose it.
+#include "mox/file.h"
+
+#include "internal.h"
+
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-
-#include "internal.h"
-#include "mox/file.h"
-
 using mox_detail::run_blocking;
 
-namespace {
+namespace
+{
 
-int neg_errno_if(bool failed) { return failed ? -errno : 0; }
+int neg_errno_if(bool failed)
+{
+    return failed ? -errno : 0;
+}
 
 } // namespace
 
@@ -66,8 +70,9 @@ ssize_t mox_co_file_write(mox_co_file *file, const void *buf, size_t size, uint6
 
 int mox_co_file_sync(mox_co_file *file, int flags)
 {
-    return run_blocking(
-        [&]() -> int { return neg_errno_if((flags == 1 ? fdatasync(file->fd) : fsync(file->fd)) != 0); });
+    return run_blocking([&]() -> int {
+        return neg_errno_if((flags == 1 ? fdatasync(file->fd) : fsync(file->fd)) != 0);
+    });
 }
 
 int mox_co_file_getfsize(int fd, uint64_t *size)

@@ -1,7 +1,14 @@
 // Runtime internals shared by the runtime's own source files.
 #pragma once
 
+#include "mox/co.h"
+#include "mox/process.h"
+
 #include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/context/fiber.hpp>
+#include <boost/context/stack_context.hpp>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -9,14 +16,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <boost/context/fiber.hpp>
-#include <boost/context/stack_context.hpp>
-
-#include "mox/co.h"
-#include "mox/process.h"
 
 struct mox_loop {
     boost::asio::io_context io;
@@ -33,7 +32,8 @@ struct mox_worker {
     std::thread thread;
 };
 
-namespace mox_detail {
+namespace mox_detail
+{
 
 enum class CoState { Ready, Running, Waiting, Parked, Ended };
 enum class CoNext { Stay, ToWorker, ToLoop };
@@ -69,7 +69,8 @@ struct mox_co {
     void *tsan_from = nullptr;
 };
 
-namespace mox_detail {
+namespace mox_detail
+{
 
 struct ProcessImpl {
     mox_loop loop;

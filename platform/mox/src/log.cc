@@ -1,6 +1,8 @@
 // Log lines on standard error, and the reports that end the program.
-#include <sys/syscall.h>
-#include <unistd.h>
+#include "mox/log.h"
+
+#include "internal.h"
+#include "mox/misc.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -8,14 +10,13 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
-
-#include "internal.h"
-#include "mox/log.h"
-#include "mox/misc.h"
+#include <sys/syscall.h>
+#include <unistd.h>
 
 int32_t __mox_log_level = 7;
 
-namespace {
+namespace
+{
 
 char level_mark(int level)
 {
@@ -94,7 +95,10 @@ void emit_fmt(int level, const char *fmt, ...)
     va_end(ap);
 }
 
-bool on_main_thread() { return getpid() == static_cast<pid_t>(syscall(SYS_gettid)); }
+bool on_main_thread()
+{
+    return getpid() == static_cast<pid_t>(syscall(SYS_gettid));
+}
 
 } // namespace
 

@@ -1,15 +1,14 @@
 // Random bytes, PEM keys, clocks and base64.
-#include <sys/random.h>
+#include "mox/misc.h"
+
+#include "mox/errors.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-
 #include <openssl/evp.h>
 #include <openssl/pem.h>
-
-#include "mox/errors.h"
-#include "mox/misc.h"
+#include <sys/random.h>
 
 extern "C" {
 

@@ -1,25 +1,24 @@
 // The process record: the loop thread, the worker thread, jobs, and the
 // signals the loop takes over.
-#include <pthread.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <csignal>
-#include <initializer_list>
-#include <cstring>
-
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/posix/stream_descriptor.hpp>
-#include <boost/asio/post.hpp>
-
 #include "internal.h"
 #include "mox/asio.hpp"
 #include "mox/errors.h"
 #include "mox/log.h"
 #include "mox/misc.h"
 
-namespace {
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <initializer_list>
+#include <pthread.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace
+{
 
 std::mutex g_sig_mu;
 sigset_t g_blocked; // what mox_signal_block asked for, for later threads
@@ -94,9 +93,13 @@ void loop_main(mox_process *proc, mox_detail::ProcessImpl *pi)
 
 } // namespace
 
-namespace mox_detail {
+namespace mox_detail
+{
 
-ProcessImpl *impl(mox_process *proc) { return static_cast<ProcessImpl *>(proc->impl); }
+ProcessImpl *impl(mox_process *proc)
+{
+    return static_cast<ProcessImpl *>(proc->impl);
+}
 
 void apply_blocked_signals()
 {
@@ -107,7 +110,10 @@ void apply_blocked_signals()
 
 } // namespace mox_detail
 
-boost::asio::io_context &mox::io_context(mox_loop *loop) { return loop->io; }
+boost::asio::io_context &mox::io_context(mox_loop *loop)
+{
+    return loop->io;
+}
 
 extern "C" {
 
@@ -192,9 +198,15 @@ void mox_job_wakeup(mox_job *job)
     boost::asio::post(mox_detail::impl(job->proc)->loop.io, [job] { job->fn(job, job->arg); });
 }
 
-uint64_t mox_loop_now_ms(const mox_loop *loop) { return loop->now_ms; }
+uint64_t mox_loop_now_ms(const mox_loop *loop)
+{
+    return loop->now_ms;
+}
 
-mox_worker *mox_process_worker(mox_process *proc) { return &mox_detail::impl(proc)->worker; }
+mox_worker *mox_process_worker(mox_process *proc)
+{
+    return &mox_detail::impl(proc)->worker;
+}
 
 int mox_signal_block(const sigset_t *set)
 {

@@ -4,10 +4,10 @@
 #ifndef MOX_ALLOC_H
 #define MOX_ALLOC_H
 
+#include "mox/compiler.h"
+
 #include <stddef.h>
 #include <stdint.h>
-
-#include "mox/compiler.h"
 
 MOX_EXTERN_C_BEGIN
 
@@ -37,9 +37,17 @@ MOX_EXTERN_C_END
 #define MOX_STR_(x) MOX_STR2_(x)
 #define MOX_WHERE __FILE__ ":" MOX_STR_(__LINE__)
 #ifdef __cplusplus
-#define MOX_SITE() ([]() -> mox_alloc_site * { static mox_alloc_site s_; return &s_; }())
+#define MOX_SITE()                                                                                 \
+    ([]() -> mox_alloc_site * {                                                                    \
+        static mox_alloc_site s_;                                                                  \
+        return &s_;                                                                                \
+    }())
 #else
-#define MOX_SITE() ({ static mox_alloc_site s_; &s_; })
+#define MOX_SITE()                                                                                 \
+    ({                                                                                             \
+        static mox_alloc_site s_;                                                                  \
+        &s_;                                                                                       \
+    })
 #endif
 
 #define mox_malloc(size) __mox_malloc(MOX_SITE(), MOX_WHERE, 1, (size))

@@ -2,14 +2,15 @@
 // the loop (C++ only; command modules never include this).
 #pragma once
 
-#include <boost/asio/io_context.hpp>
-
 #include "mox/process.h"
 
-namespace mox {
+#include <boost/asio/io_context.hpp>
+
+namespace mox
+{
 
 // The I/O context that `loop` runs. Handlers posted to it run on the loop
 // thread, outside any coroutine.
 boost::asio::io_context &io_context(mox_loop *loop);
 
-}  // namespace mox
+} // namespace mox

@@ -4,11 +4,11 @@
 #ifndef MOX_CO_H
 #define MOX_CO_H
 
-#include <stdint.h>
-
 #include "mox/compiler.h"
 #include "mox/list.h"
 #include "mox/process.h"
+
+#include <stdint.h>
 
 MOX_EXTERN_C_BEGIN
 

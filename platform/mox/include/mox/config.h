@@ -10,11 +10,11 @@
 #ifndef MOX_CONFIG_H
 #define MOX_CONFIG_H
 
+#include "mox/compiler.h"
+
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
-
-#include "mox/compiler.h"
 
 MOX_EXTERN_C_BEGIN
 

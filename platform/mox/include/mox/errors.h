@@ -3,9 +3,9 @@
 #ifndef MOX_ERRORS_H
 #define MOX_ERRORS_H
 
-#include <stddef.h>
-
 #include "mox/compiler.h"
+
+#include <stddef.h>
 
 MOX_EXTERN_C_BEGIN
 

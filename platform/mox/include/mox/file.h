@@ -6,12 +6,12 @@
 #ifndef MOX_FILE_H
 #define MOX_FILE_H
 
+#include "mox/compiler.h"
+
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/stat.h>
 #include <sys/types.h>
-
-#include "mox/compiler.h"
 
 MOX_EXTERN_C_BEGIN
 

@@ -12,9 +12,15 @@ typedef struct mox_list {
 
 #define mox_container_of(ptr, type, member) ((type *)((char *)(ptr)-offsetof(type, member)))
 
-static inline void mox_list_init(mox_list *l) { l->next = l->prev = l; }
+static inline void mox_list_init(mox_list *l)
+{
+    l->next = l->prev = l;
+}
 
-static inline int mox_list_empty(const mox_list *l) { return l->next == l; }
+static inline int mox_list_empty(const mox_list *l)
+{
+    return l->next == l;
+}
 
 /* Links `n` (which must not be linked) before `head`, i.e. at the tail. */
 static inline void mox_list_add_tail(mox_list *head, mox_list *n)

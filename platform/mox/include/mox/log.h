@@ -6,10 +6,10 @@
 #ifndef MOX_LOG_H
 #define MOX_LOG_H
 
+#include "mox/compiler.h"
+
 #include <stdarg.h>
 #include <stdint.h>
-
-#include "mox/compiler.h"
 
 MOX_EXTERN_C_BEGIN
 
@@ -40,12 +40,12 @@ typedef struct mox_bug_location {
 MOX_NORETURN void mox_bug_at(const mox_bug_location *loc);
 
 /* Aborts with a report at the given source names when `cond` holds. */
-#define MOX_BUG_ON(cond, file, function)                                                          \
-    do {                                                                                          \
-        if (cond) {                                                                               \
-            static const mox_bug_location mox_loc_ = {(file), (function), __LINE__};              \
-            mox_bug_at(&mox_loc_);                                                                \
-        }                                                                                         \
+#define MOX_BUG_ON(cond, file, function)                                                           \
+    do {                                                                                           \
+        if (cond) {                                                                                \
+            static const mox_bug_location mox_loc_ = {(file), (function), __LINE__};               \
+            mox_bug_at(&mox_loc_);                                                                 \
+        }                                                                                          \
     } while (0)
 
 /* Flushes pending output; called right before the process exits. */

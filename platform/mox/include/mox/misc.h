@@ -2,10 +2,10 @@
 #ifndef MOX_MISC_H
 #define MOX_MISC_H
 
+#include "mox/compiler.h"
+
 #include <stddef.h>
 #include <stdint.h>
-
-#include "mox/compiler.h"
 
 MOX_EXTERN_C_BEGIN
 

@@ -3,10 +3,10 @@
 #ifndef MOX_PROCESS_H
 #define MOX_PROCESS_H
 
+#include "mox/compiler.h"
+
 #include <signal.h>
 #include <stdint.h>
-
-#include "mox/compiler.h"
 
 MOX_EXTERN_C_BEGIN
 
