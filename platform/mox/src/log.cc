@@ -113,21 +113,19 @@ void mox_vlog(int level, const char *fmt, va_list ap)
 
 void mox_log(int level, const char *fmt, ...)
 {
-    if (level > __mox_log_level)
-        return;
     va_list ap;
     va_start(ap, fmt);
-    emit(level, fmt, ap);
+    mox_vlog(level, fmt, ap);
     va_end(ap);
 }
 
+// Lines already carry the context id when a coroutine runs, so coroutine
+// code logs the same way.
 void mox_co_log(int level, const char *fmt, ...)
 {
-    if (level > __mox_log_level)
-        return;
     va_list ap;
     va_start(ap, fmt);
-    emit(level, fmt, ap);
+    mox_vlog(level, fmt, ap);
     va_end(ap);
 }
 
