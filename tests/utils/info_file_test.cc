@@ -138,6 +138,7 @@ TEST(InfoFile, RecordOfExactlyTheTextLengthHasNoPadding)
         text = mox_write_config_mem(cfg);
         written = text;
         mox_free(text);
+        mox_free_config(cfg);
     });
     EXPECT_EQ(sb.read_file("obj.info"), written);
 }
