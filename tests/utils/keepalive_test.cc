@@ -28,11 +28,20 @@ struct Recorder {
 struct Item {
     keepalive_entry entry; // standard layout keeps mox_container_of well defined
     char name;
-    int activations;
-    int releases;
-    uint64_t released_at_ms; // the clock when released
-    uint64_t last_mark_ms;   // last_access_ms seen at release
+    int activations = 0;
+    int releases = 0;
+    uint64_t released_at_ms = 0; // the clock when released
+    uint64_t last_mark_ms = 0;   // last_access_ms seen at release
     Recorder *rec;
+
+    Item(char n, Recorder *r, keepalive_list *list) : name(n), rec(r)
+    {
+        keepalive_init(&entry, list);
+    }
+    // An assertion that fails half-way must not leave a dead entry linked.
+    ~Item() { keepalive_del(&entry); }
+    Item(const Item &) = delete;
+    Item &operator=(const Item &) = delete;
 };
 
 Item *item_of(keepalive_entry *e)
@@ -60,15 +69,6 @@ void on_release(keepalive_entry *e)
         it->rec->on_release_hook(it);
 }
 
-Item make_item(char name, Recorder *rec, keepalive_list *list)
-{
-    Item it{};
-    it.name = name;
-    it.rec = rec;
-    keepalive_init(&it.entry, list);
-    return it;
-}
-
 // Sleeps in small steps until `done` holds or ten seconds have passed.
 bool wait_until(const std::function<bool()> &done)
 {
@@ -82,6 +82,18 @@ mox_co *start(keepalive_list *list, int32_t timeout_ms, mox_context *ctx = nullp
     return keepalive_list_init(list, timeout_ms, "reg", on_activate, on_release, ctx);
 }
 
+// Runs `body` in a coroutine with a running registry, then stops it.
+void with_registry(int32_t timeout_ms, const std::function<void(keepalive_list *)> &body)
+{
+    run_in_coroutine([&] {
+        keepalive_list list{};
+        start(&list, timeout_ms);
+        body(&list);
+        keepalive_list_fini(&list);
+        EXPECT_EQ(list.co, nullptr);
+    });
+}
+
 TEST(Keepalive, MarkedEntryIsReleasedAfterTheTimeout)
 {
     Recorder rec;
@@ -93,7 +105,7 @@ TEST(Keepalive, MarkedEntryIsReleasedAfterTheTimeout)
         EXPECT_EQ(list.co, co);
         EXPECT_STREQ(mox_co_get_name(co), "gw/keepalive_reg");
 
-        Item a = make_item('A', &rec, &list);
+        Item a('A', &rec, &list);
         keepalive_mark_accessed(&a.entry);
         uint64_t marked = a.entry.last_access_ms;
         EXPECT_EQ(a.activations, 1);
@@ -109,10 +121,8 @@ TEST(Keepalive, MarkedEntryIsReleasedAfterTheTimeout)
 TEST(Keepalive, MarkBeforeTheTimeoutMovesTheDeadline)
 {
     Recorder rec;
-    run_in_coroutine([&] {
-        keepalive_list list{};
-        start(&list, 600);
-        Item a = make_item('A', &rec, &list);
+    with_registry(600, [&](keepalive_list *list) {
+        Item a('A', &rec, list);
         keepalive_mark_accessed(&a.entry);
         mox_co_sleep(60);
         keepalive_mark_accessed(&a.entry);
@@ -121,7 +131,6 @@ TEST(Keepalive, MarkBeforeTheTimeoutMovesTheDeadline)
         EXPECT_EQ(a.activations, 1) << "released before the second mark";
         EXPECT_EQ(a.last_mark_ms, second);
         EXPECT_GE(a.released_at_ms, second + 600);
-        keepalive_list_fini(&list);
     });
     EXPECT_EQ(rec.events, "+A-A");
 }
@@ -129,16 +138,13 @@ TEST(Keepalive, MarkBeforeTheTimeoutMovesTheDeadline)
 TEST(Keepalive, ReleasedEntryIsActivatedAgainByTheNextMark)
 {
     Recorder rec;
-    run_in_coroutine([&] {
-        keepalive_list list{};
-        start(&list, 30);
-        Item a = make_item('A', &rec, &list);
+    with_registry(30, [&](keepalive_list *list) {
+        Item a('A', &rec, list);
         keepalive_mark_accessed(&a.entry);
         ASSERT_TRUE(wait_until([&] { return a.releases == 1; }));
         keepalive_mark_accessed(&a.entry);
         EXPECT_EQ(a.activations, 2);
         ASSERT_TRUE(wait_until([&] { return a.releases == 2; }));
-        keepalive_list_fini(&list);
     });
     EXPECT_EQ(rec.events, "+A-A+A-A");
 }
@@ -146,10 +152,8 @@ TEST(Keepalive, ReleasedEntryIsActivatedAgainByTheNextMark)
 TEST(Keepalive, DelReleasesOnlyHeldEntries)
 {
     Recorder rec;
-    run_in_coroutine([&] {
-        keepalive_list list{};
-        start(&list, 30);
-        Item a = make_item('A', &rec, &list);
+    with_registry(30, [&](keepalive_list *list) {
+        Item a('A', &rec, list);
         keepalive_del(&a.entry); // never held: nothing happens
         EXPECT_EQ(rec.events, "");
         keepalive_mark_accessed(&a.entry);
@@ -157,7 +161,6 @@ TEST(Keepalive, DelReleasesOnlyHeldEntries)
         keepalive_del(&a.entry);
         EXPECT_EQ(rec.events, "+A-A");
         mox_co_sleep(100); // the timeout passes without a second release
-        keepalive_list_fini(&list);
     });
     EXPECT_EQ(rec.events, "+A-A");
 }
@@ -165,12 +168,10 @@ TEST(Keepalive, DelReleasesOnlyHeldEntries)
 TEST(Keepalive, DueEntriesAreReleasedOldestFirstInOnePass)
 {
     Recorder rec;
-    run_in_coroutine([&] {
-        keepalive_list list{};
-        start(&list, 50);
-        Item a = make_item('A', &rec, &list);
-        Item b = make_item('B', &rec, &list);
-        Item c = make_item('C', &rec, &list);
+    with_registry(50, [&](keepalive_list *list) {
+        Item a('A', &rec, list);
+        Item b('B', &rec, list);
+        Item c('C', &rec, list);
         keepalive_mark_accessed(&c.entry);
         mox_co_sleep(10);
         keepalive_mark_accessed(&a.entry);
@@ -183,7 +184,6 @@ TEST(Keepalive, DueEntriesAreReleasedOldestFirstInOnePass)
         usleep(200 * 1000);
         ASSERT_TRUE(wait_until([&] { return rec.release_loop_ms.size() == 3; }));
         EXPECT_EQ(rec.release_loop_ms[0], rec.release_loop_ms[2]) << "the registry slept between";
-        keepalive_list_fini(&list);
     });
     EXPECT_EQ(rec.events, "+C+A+B-A-B-C");
 }
@@ -196,9 +196,9 @@ TEST(Keepalive, FiniReleasesEverythingOldestFirstAndJoins)
     run_in_coroutine([&] {
         keepalive_list list{};
         mox_co *co = start(&list, 60000);
-        Item a = make_item('A', &rec, &list);
-        Item b = make_item('B', &rec, &list);
-        Item c = make_item('C', &rec, &list);
+        Item a('A', &rec, &list);
+        Item b('B', &rec, &list);
+        Item c('C', &rec, &list);
         keepalive_mark_accessed(&a.entry);
         keepalive_mark_accessed(&b.entry);
         keepalive_mark_accessed(&c.entry);
@@ -229,8 +229,8 @@ TEST(Keepalive, FiniWhileAReleaseCallbackSuspends)
     run_in_coroutine([&] {
         keepalive_list list{};
         start(&list, 30);
-        Item a = make_item('A', &rec, &list);
-        Item b = make_item('B', &rec, &list);
+        Item a('A', &rec, &list);
+        Item b('B', &rec, &list);
         keepalive_mark_accessed(&a.entry);
         ASSERT_TRUE(wait_until([&] { return in_hook; }));
         keepalive_mark_accessed(&b.entry); // still allowed: not stopping yet
@@ -249,20 +249,17 @@ TEST(Keepalive, ReleaseCallbackMayDeleteOtherEntries)
         if (it->name == 'A')
             keepalive_del(&victim->entry);
     };
-    run_in_coroutine([&] {
-        keepalive_list list{};
-        start(&list, 30);
-        Item a = make_item('A', &rec, &list);
-        Item b = make_item('B', &rec, &list);
+    with_registry(30, [&](keepalive_list *list) {
+        Item a('A', &rec, list);
+        Item b('B', &rec, list);
         victim = &b;
         keepalive_mark_accessed(&a.entry);
         keepalive_mark_accessed(&b.entry);
         ASSERT_TRUE(wait_until([&] { return a.releases == 1; }));
-        Item c = make_item('C', &rec, &list);
+        Item c('C', &rec, list);
         keepalive_mark_accessed(&c.entry); // the registry goes on as before
         ASSERT_TRUE(wait_until([&] { return c.releases == 1; }));
         EXPECT_EQ(b.releases, 1);
-        keepalive_list_fini(&list);
     });
     EXPECT_EQ(rec.events, "+A+B-A-B+C-C");
 }
@@ -291,7 +288,7 @@ TEST(KeepaliveDeathTest, MisuseIsReportedAsABug)
     EXPECT_DEATH(run_in_coroutine([&] {
                      keepalive_list list{};
                      start(&list, 100);
-                     Item a = make_item('A', &rec, &list);
+                     Item a('A', &rec, &list);
                      keepalive_list_fini(&list);
                      keepalive_mark_accessed(&a.entry);
                  }),
