@@ -21,19 +21,26 @@ namespace
 constexpr const char *kMagic = "tarn.fuzz.1";
 
 struct Paths {
+    std::string dir;
     std::string input;
     std::string output;
 };
 
+// Never destroyed: the exit handler below still needs the names.
 const Paths &paths()
 {
-    static const Paths p = [] {
+    static const Paths *p = [] {
         char dir[] = "/tmp/tarn-info-fuzz.XXXXXX";
         if (mkdtemp(dir) == nullptr)
             abort();
-        return Paths{std::string(dir) + "/in", std::string(dir) + "/out"};
+        atexit([] {
+            unlink(paths().input.c_str());
+            unlink(paths().output.c_str());
+            rmdir(paths().dir.c_str());
+        });
+        return new Paths{dir, std::string(dir) + "/in", std::string(dir) + "/out"};
     }();
-    return p;
+    return *p;
 }
 
 void check(bool ok, const char *what)
