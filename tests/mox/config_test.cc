@@ -152,6 +152,33 @@ TEST(ConfigExpand, ReferencesUnknownKeysAndLoops)
     EXPECT_STREQ(before, "/srv/tarn/storage");
 }
 
+TEST(ConfigExpand, DoublingChainsAndLongChainsStayBounded)
+{
+    // Each key references the previous one twice: 2^40 copies unbounded.
+    std::string text = "k0 = x\n";
+    for (int i = 1; i <= 40; ++i)
+        text += "k" + std::to_string(i) + " = $k" + std::to_string(i - 1) + "$k" +
+                std::to_string(i - 1) + "\n";
+    // An empty value doubled is still nothing, but must not take 2^40 steps.
+    text += "e0 =\n";
+    for (int i = 1; i <= 40; ++i)
+        text += "e" + std::to_string(i) + " = $e" + std::to_string(i - 1) + "$e" +
+                std::to_string(i - 1) + "\n";
+    // A chain deeper than any coroutine stack could follow.
+    for (int i = 1; i <= 5000; ++i)
+        text += "c" + std::to_string(i) + " = $c" + std::to_string(i - 1) + "\n";
+    ConfigPtr c(mox_read_config_mem(text.c_str()));
+    ASSERT_NE(c.p, nullptr);
+    const char *v = nullptr;
+    EXPECT_EQ(mox_config_getstr_expand(c.p, "k10", &v), 0);
+    EXPECT_EQ(strlen(v), 1024u);
+    EXPECT_EQ(mox_config_getstr_expand(c.p, "k40", &v), -29);
+    EXPECT_EQ(mox_config_getstr_expand(c.p, "e40", &v), 0);
+    EXPECT_STREQ(v, "");
+    EXPECT_EQ(mox_config_getstr_expand(c.p, "c5000", &v), 0);
+    EXPECT_STREQ(v, "$c4935"); // 64 levels are followed, the rest stays as written
+}
+
 TEST(ConfigFile, MissingAndUnreadableFiles)
 {
     EXPECT_EQ(mox_read_config("/nonexistent/tarn.config"), nullptr);

@@ -122,10 +122,10 @@ int wait_common(int32_t *ms, bool cancelable, bool park)
         });
     }
     if (cancelable)
-        mox_list_add_tail(&loop->cancelable, &co->cancel_link);
+        mox_list_add_tail(&loop->cancelable, &co->cancel_link.node);
     mox_detail::suspend(co);
     if (cancelable)
-        mox_list_del_init(&co->cancel_link);
+        mox_list_del_init(&co->cancel_link.node);
     if (park)
         return 0;
     loop = mox_current_loop();
@@ -277,8 +277,10 @@ mox_co *mox_co_create(mox_context *context, mox_co_fn fn, void *arg)
     auto *pi = mox_detail::impl(loop->proc);
     auto owned = std::make_unique<mox_co>();
     mox_co *co = owned.get();
-    mox_list_init(&co->wait_link);
-    mox_list_init(&co->cancel_link);
+    mox_list_init(&co->wait_link.node);
+    co->wait_link.owner = co;
+    mox_list_init(&co->cancel_link.node);
+    co->cancel_link.owner = co;
     mox_co_waitqueue_init(&co->joiners);
     co->fn = fn;
     co->arg = arg;
@@ -364,7 +366,7 @@ int mox_co_io_wait_cancelable(int32_t *ms)
 
 mox_list *mox_co_wait_link(mox_co *co)
 {
-    return &co->wait_link;
+    return &co->wait_link.node;
 }
 
 mox_context *mox_co_get_ctx(const mox_co *co)
@@ -379,13 +381,13 @@ void mox_co_waitqueue_init(mox_co_waitqueue *q)
 
 void mox_co_waitqueue_add(mox_co_waitqueue *q, mox_co *co)
 {
-    mox_list_del_init(&co->wait_link);
-    mox_list_add_tail(&q->waiters, &co->wait_link);
+    mox_list_del_init(&co->wait_link.node);
+    mox_list_add_tail(&q->waiters, &co->wait_link.node);
 }
 
 void mox_co_waitqueue_del(mox_co *co)
 {
-    mox_list_del_init(&co->wait_link);
+    mox_list_del_init(&co->wait_link.node);
 }
 
 void mox_co_waitqueue_wakeup_all(mox_co_waitqueue *q)
@@ -393,7 +395,7 @@ void mox_co_waitqueue_wakeup_all(mox_co_waitqueue *q)
     while (!mox_list_empty(&q->waiters)) {
         mox_list *link = q->waiters.next;
         mox_list_del_init(link);
-        wake(mox_container_of(link, mox_co, wait_link), 0);
+        wake(mox_detail::owner_of(link), 0);
     }
 }
 
@@ -462,7 +464,7 @@ namespace mox_detail
 void cancel_waiters(mox_loop *loop)
 {
     for (mox_list *l = loop->cancelable.next; l != &loop->cancelable;) {
-        mox_co *co = mox_container_of(l, mox_co, cancel_link);
+        mox_co *co = mox_detail::owner_of(l);
         l = l->next;
         if (mox_context_check(co->ctx) == -ECANCELED)
             wake(co, -ECANCELED);

@@ -105,54 +105,89 @@ bool parse_into(mox_config *cfg, std::string_view text)
     return true;
 }
 
-void expand_into(const mox_config *cfg, std::string_view value, std::set<std::string> &active,
-                 std::string &out)
-{
-    size_t i = 0;
-    while (i < value.size()) {
-        char c = value[i];
-        if (c != '$' || i + 1 >= value.size()) {
-            out += c;
-            ++i;
-            continue;
+// Expanded values are bounded: a few keys that each reference the previous
+// one twice would otherwise grow without limit.
+constexpr size_t kMaxExpanded = 1 << 20;
+constexpr int kMaxDepth = 64;
+
+struct Expander {
+    const mox_config *cfg;
+    std::set<std::string, std::less<>> active;            // keys being expanded
+    std::map<std::string, std::string, std::less<>> memo; // expansions met no loop
+    bool too_big = false;
+
+    // Appends the expansion of `value`. False when a reference was left as
+    // written because of a loop or the depth limit, so the result depends
+    // on where it was reached from and must not be memoised.
+    bool expand(std::string_view value, std::string &out, int depth)
+    {
+        bool pure = true;
+        size_t i = 0;
+        while (i < value.size() && !too_big) {
+            size_t start, end, next;
+            if (!find_reference(value, i, out, start, end, next))
+                continue;
+            std::string_view key = value.substr(start, end - start);
+            auto it = key.empty() ? cfg->pairs.end() : cfg->pairs.find(key);
+            if (it == cfg->pairs.end()) {
+                out.append(value.substr(i, next - i)); // left as written
+            } else if (active.count(key) != 0 || depth >= kMaxDepth) {
+                out.append(value.substr(i, next - i));
+                pure = false;
+            } else if (auto m = memo.find(key); m != memo.end()) {
+                out += m->second;
+            } else {
+                std::string sub;
+                active.insert(it->first);
+                bool sub_pure = expand(it->second, sub, depth + 1);
+                active.erase(it->first);
+                out += sub;
+                if (sub_pure)
+                    memo.emplace(it->first, std::move(sub));
+                pure = pure && sub_pure;
+            }
+            i = next;
+            too_big = too_big || out.size() > kMaxExpanded;
+        }
+        return pure;
+    }
+
+    // Copies plain text at `i` to `out` and returns false, or finds the
+    // reference that starts at `i`: its key is [start, end), text resumes at
+    // `next`.
+    static bool find_reference(std::string_view value, size_t &i, std::string &out, size_t &start,
+                               size_t &end, size_t &next)
+    {
+        if (value[i] != '$' || i + 1 >= value.size()) {
+            out += value[i++];
+            return false;
         }
         if (value[i + 1] == '$') {
             out += '$';
             i += 2;
-            continue;
+            return false;
         }
-        size_t start, end, next;
         if (value[i + 1] == '{') {
             size_t close = value.find('}', i + 2);
             if (close == std::string_view::npos) {
-                out += c;
-                ++i;
-                continue;
+                out += value[i++];
+                return false;
             }
             start = i + 2;
             end = close;
             next = close + 1;
-        } else {
-            start = i + 1;
-            end = start;
-            while (end < value.size() && is_key_char(value[end]))
-                ++end;
-            while (end > start && value[end - 1] == '.')
-                --end; // "$root_dir." ends a sentence, not a key
-            next = end;
+            return true;
         }
-        std::string key(value.substr(start, end - start));
-        auto it = key.empty() ? cfg->pairs.end() : cfg->pairs.find(key);
-        if (it == cfg->pairs.end() || active.count(key) != 0) {
-            out.append(value.substr(i, next - i)); // left as written
-        } else {
-            active.insert(key);
-            expand_into(cfg, it->second, active, out);
-            active.erase(key);
-        }
-        i = next;
+        start = i + 1;
+        end = start;
+        while (end < value.size() && is_key_char(value[end]))
+            ++end;
+        while (end > start && value[end - 1] == '.')
+            --end; // "$root_dir." ends a sentence, not a key
+        next = end;
+        return true;
     }
-}
+};
 
 template <typename T> bool parse_number(const char *p, T &out)
 {
@@ -300,9 +335,11 @@ int mox_config_getstr_expand(mox_config *cfg, const char *key, const char **valu
     auto it = cfg->pairs.find(std::string_view(key));
     if (it == cfg->pairs.end())
         return -MOX_ENOENT;
-    std::set<std::string> active{it->first};
+    Expander expander{cfg, {it->first}, {}, false};
     auto result = std::make_unique<std::string>();
-    expand_into(cfg, it->second, active, *result);
+    expander.expand(it->second, *result, 0);
+    if (expander.too_big)
+        return -MOX_EMALFORMED;
     auto &slot = cfg->expanded[it->first];
     if (!slot || *slot != *result) {
         if (slot)

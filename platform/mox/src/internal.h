@@ -21,7 +21,7 @@ struct mox_loop {
     boost::asio::io_context io;
     mox_process *proc = nullptr;
     uint64_t now_ms = 0;
-    mox_list cancelable; // coroutines in a cancelable wait (Co::cancel_link)
+    mox_list cancelable; // coroutines in a cancelable wait (mox_co::cancel_link)
 };
 
 struct mox_worker {
@@ -36,13 +36,25 @@ namespace mox_detail
 {
 
 enum class CoState { Ready, Running, Waiting, Parked, Ended };
+
+// A list node that knows its coroutine: a standard-layout record, so the
+// node leads back to its owner without offsetof on the coroutine itself.
+struct CoLink {
+    mox_list node;
+    mox_co *owner;
+};
+
+inline mox_co *owner_of(mox_list *node)
+{
+    return mox_container_of(node, CoLink, node)->owner;
+}
 enum class CoNext { Stay, ToWorker, ToLoop };
 
 } // namespace mox_detail
 
 struct mox_co {
-    mox_list wait_link;   // first: the tool's waitqueue code reaches it
-    mox_list cancel_link; // in mox_loop::cancelable while in a cancelable wait
+    mox_detail::CoLink wait_link;   // in a wait queue while the coroutine waits there
+    mox_detail::CoLink cancel_link; // in mox_loop::cancelable during a cancelable wait
     mox_context *ctx = nullptr;
     std::string name;
     mox_co_fn fn = nullptr;

@@ -44,7 +44,8 @@ int mox_config_getstr(const mox_config *cfg, const char *key, const char **value
  * values: "$key" (the longest run of key characters, trailing dots left
  * out), "${key}", and "$$" for one "$". Referenced values are expanded in
  * turn. A reference to an absent key, or one that would loop back to a key
- * being expanded, stays as written. The result is owned by the store. */
+ * being expanded (or lies more than 64 references deep), stays as written.
+ * -29 when the result would exceed 1 MiB. The result is owned by the store. */
 int mox_config_getstr_expand(mox_config *cfg, const char *key, const char **value);
 /* Decimal integers (an optional sign, then digits, nothing else) into an
  * object of `size` bytes (1, 2, 4 or 8). 0 and the value; -8 when absent;
