@@ -1,0 +1,159 @@
+// Directory handles: a path on the gateway, read in pages of entries.
+#include "ember/ar_io.h"
+#include "ember/protocol.hpp"
+#include "ember_call.h"
+#include "mox/errors.h"
+
+#include <string>
+#include <vector>
+
+namespace json = boost::json;
+
+namespace
+{
+
+struct entry {
+    std::string name;
+    uint32_t mode;
+};
+
+struct ember_dir : ar_io_dir {
+    ember_client *client;
+    std::string path;
+    std::vector<entry> page;
+    size_t pos = 0;
+    std::string listing; // the gateway's listing id, "" before the first page
+    uint64_t offset = 0; // entries delivered before this page
+    bool last = false;   // the page is the listing's last
+    ar_io_dir_entry cursor{};
+};
+
+ember_dir *self(ar_io_dir *dir)
+{
+    return static_cast<ember_dir *>(dir);
+}
+
+int fetch(ember_dir *d)
+{
+    json::object req{{"path", d->path}, {"limit", ember_proto::list_page_max}};
+    if (!d->listing.empty()) {
+        req["listing"] = d->listing;
+        req["offset"] = d->offset;
+    }
+    json::object answer;
+    int rc = ember::call(d->client, ember_proto::op_dir_list, req, &answer);
+    if (rc != 0)
+        return rc;
+    const json::value *entries = answer.if_contains("entries");
+    const json::value *listing = answer.if_contains("listing");
+    const json::value *more = answer.if_contains("more");
+    if (!entries || !entries->is_array() || !listing || !listing->is_string() || !more ||
+        !more->is_bool())
+        return -MOX_EPROTO;
+    d->offset += d->page.size();
+    d->page.clear();
+    d->pos = 0;
+    for (const json::value &e : entries->as_array()) {
+        const json::object *o = e.if_object();
+        const json::value *name = o ? o->if_contains("name") : nullptr;
+        const json::value *mode = o ? o->if_contains("mode") : nullptr;
+        if (!name || !name->is_string() || !mode || !mode->is_int64())
+            return -MOX_EPROTO;
+        d->page.push_back({std::string(name->as_string()), static_cast<uint32_t>(mode->as_int64())});
+    }
+    d->listing = std::string(listing->as_string());
+    d->last = !more->as_bool();
+    return 0;
+}
+
+// 1 with the cursor on the entry at `pos`, 0 at the end, or an error.
+int advance(ember_dir *d)
+{
+    while (d->pos >= d->page.size()) {
+        if (d->last)
+            return 0;
+        int rc = fetch(d);
+        if (rc != 0)
+            return rc;
+    }
+    d->cursor.name = d->page[d->pos].name.c_str();
+    d->cursor.mode = d->page[d->pos].mode;
+    return 1;
+}
+
+int read_first(ar_io_dir *dir, ar_io_dir_entry *, ar_io_dir_entry **cursor, int)
+{
+    ember_dir *d = self(dir);
+    d->listing.clear();
+    d->page.clear();
+    d->offset = 0;
+    d->pos = 0;
+    d->last = false;
+    int rc = advance(d);
+    if (rc > 0)
+        *cursor = &d->cursor;
+    return rc;
+}
+
+int read_next(ar_io_dir *dir, ar_io_dir_entry *, int)
+{
+    ember_dir *d = self(dir);
+    d->pos++;
+    return advance(d);
+}
+
+void release_entry(ar_io_dir *, ar_io_dir_entry *)
+{
+    // The cursor lives in the handle.
+}
+
+std::string child_path(const std::string &parent, const char *name)
+{
+    return parent == "/" ? "/" + std::string(name) : parent + "/" + name;
+}
+
+int open_child(ar_io_dir *dir, const char *name, ar_io_dir **child, int flags)
+{
+    ember_dir *d = self(dir);
+    std::string path = child_path(d->path, name);
+    return ar_io_open_ember_dir_cl(d->client, path.c_str(), child, flags);
+}
+
+const ar_io_dir_ops dir_ops = {read_first, read_next, release_entry, open_child};
+
+} // namespace
+
+extern "C" {
+
+int ar_io_open_ember_dir_cl(ember_client *client, const char *path, ar_io_dir **dir, int)
+{
+    *dir = nullptr;
+    if (!path || path[0] != '/')
+        return -MOX_EINVAL;
+    json::object answer;
+    int rc = ember::call(client, ember_proto::op_dir_stat, {{"path", path}}, &answer);
+    if (rc != 0)
+        return rc;
+    const json::value *mode = answer.if_contains("mode");
+    if (!mode || !mode->is_int64())
+        return -MOX_EPROTO;
+    if ((mode->as_int64() & 0xF000) != 0x4000)
+        return -MOX_ENOTDIR;
+    auto *d = new ember_dir();
+    d->ops = &dir_ops;
+    d->client = ember_client_get(client);
+    d->path = path;
+    *dir = d;
+    return 0;
+}
+
+void ar_io_dir_put(ar_io_dir *dir)
+{
+    if (!dir)
+        return;
+    ember_dir *d = self(dir);
+    ember_client_put(d->client);
+    delete d;
+}
+
+} // extern "C"

@@ -1,0 +1,177 @@
+// Accounts, files and directories of the simulated gateway.
+#include "ember/protocol.hpp"
+#include "ops.h"
+
+#include <algorithm>
+#include <dirent.h>
+#include <sys/stat.h>
+
+namespace json = boost::json;
+namespace p = ember_proto;
+
+namespace gwsim
+{
+namespace
+{
+
+// Listings are kept until read to their end; an abandoned one is dropped
+// when this many are held.
+const size_t listings_max = 64;
+
+bool account_exists(const state &st, const std::string &account)
+{
+    std::string local;
+    struct stat sb;
+    return !account.empty() && account.find('/') == std::string::npos &&
+           local_path(st, "/" + account, local) && stat(local.c_str(), &sb) == 0 &&
+           S_ISDIR(sb.st_mode);
+}
+
+int read_listing(const std::string &local, listing &out)
+{
+    DIR *d = opendir(local.c_str());
+    if (!d)
+        return errno == ENOTDIR ? p::err_notdir : p::err_noent;
+    while (struct dirent *e = readdir(d)) {
+        std::string name = e->d_name;
+        struct stat sb;
+        if (name == "." || name == ".." || lstat((local + "/" + name).c_str(), &sb) != 0)
+            continue;
+        out.entries.emplace_back(name, static_cast<uint32_t>(sb.st_mode));
+    }
+    closedir(d);
+    std::sort(out.entries.begin(), out.entries.end());
+    return 0;
+}
+
+} // namespace
+
+int op_secret_get(state &st, const json::object &o, json::object &out)
+{
+    auto acc = st.secrets.find(field(o, "account"));
+    if (acc == st.secrets.end())
+        return p::err_noent;
+    auto s = acc->second.find(static_cast<int>(int_field(o, "kind")));
+    if (s == acc->second.end())
+        return p::err_noent;
+    out["secret"] = s->second;
+    return 0;
+}
+
+int op_secret_set(state &st, const json::object &o, json::object &)
+{
+    std::string account = field(o, "account");
+    int kind = static_cast<int>(int_field(o, "kind"));
+    if (kind != p::secret_kind_replication && kind != p::secret_kind_pull)
+        return p::err_inval;
+    if (!account_exists(st, account))
+        return p::err_noent;
+    std::string secret = field(o, "secret");
+    if (secret.empty())
+        st.secrets[account].erase(kind);
+    else
+        st.secrets[account][kind] = secret;
+    return 0;
+}
+
+int op_pull_configure(state &st, const json::object &o, json::object &)
+{
+    std::string account = field(o, "account");
+    if (account.empty() || account.find('/') != std::string::npos || field(o, "src").empty() ||
+        field(o, "secret").empty())
+        return p::err_inval;
+    auto &cfg = st.pulls[account];
+    for (const char *k : {"src_dc_uid", "src", "src_account", "secret"})
+        cfg[k] = field(o, k);
+    cfg["flags"] = std::to_string(int_field(o, "flags"));
+    return 0;
+}
+
+int op_pull_ondemand(state &st, const json::object &o, json::object &)
+{
+    std::string account = field(o, "account");
+    if (!account_exists(st, account))
+        return p::err_noent;
+    st.ondemand[account] = int_field(o, "value") != 0;
+    return 0;
+}
+
+int op_file_state(state &st, const json::object &o, json::object &out)
+{
+    std::string path = field(o, "path"), local;
+    if (!local_path(st, path, local))
+        return p::err_inval;
+    if (!is_regular(local))
+        return p::err_noent;
+    replica_state r;
+    if (auto it = st.replicas.find(path); it != st.replicas.end())
+        r = it->second;
+    out["state"] = "replica.enabled = " + std::to_string(r.enabled) +
+                   "\nreplica.is_master = " + std::to_string(r.is_master) +
+                   "\nreplica.peer_uid = " + r.peer_uid + "\n";
+    return 0;
+}
+
+int op_file_open(state &st, const json::object &o, json::object &out)
+{
+    std::string path = field(o, "path"), local;
+    if (!local_path(st, path, local))
+        return p::err_inval;
+    if (!is_regular(local))
+        return p::err_noent;
+    std::string handle = std::to_string(st.next_id++);
+    st.open_files[handle] = path;
+    out["handle"] = handle;
+    return 0;
+}
+
+int op_file_close(state &st, const json::object &o, json::object &)
+{
+    return st.open_files.erase(field(o, "handle")) ? 0 : p::err_noent;
+}
+
+int op_dir_stat(state &st, const json::object &o, json::object &out)
+{
+    std::string local;
+    struct stat sb;
+    if (!local_path(st, field(o, "path"), local))
+        return p::err_inval;
+    if (lstat(local.c_str(), &sb) != 0)
+        return p::err_noent;
+    out["mode"] = sb.st_mode;
+    return 0;
+}
+
+int op_dir_list(state &st, const json::object &o, json::object &out)
+{
+    std::string path = field(o, "path"), id = field(o, "listing"), local;
+    if (!local_path(st, path, local))
+        return p::err_inval;
+    if (id.empty()) {
+        listing l{path, {}};
+        if (int rc = read_listing(local, l); rc != 0)
+            return rc;
+        if (st.listings.size() >= listings_max)
+            st.listings.erase(st.listings.begin());
+        id = std::to_string(st.next_id++);
+        st.listings[id] = std::move(l);
+    }
+    auto it = st.listings.find(id);
+    if (it == st.listings.end() || it->second.path != path)
+        return p::err_noent;
+    const auto &entries = it->second.entries;
+    uint64_t limit = std::clamp<int64_t>(int_field(o, "limit"), 1, p::list_page_max);
+    uint64_t from = std::min<uint64_t>(std::max<int64_t>(int_field(o, "offset"), 0), entries.size());
+    uint64_t to = std::min<uint64_t>(from + limit, entries.size());
+    json::array page;
+    for (uint64_t i = from; i < to; i++)
+        page.push_back(json::object{{"name", entries[i].first}, {"mode", entries[i].second}});
+    out["entries"] = std::move(page);
+    out["listing"] = id;
+    out["more"] = to < entries.size();
+    if (to == entries.size())
+        st.listings.erase(it);
+    return 0;
+}
+
+} // namespace gwsim

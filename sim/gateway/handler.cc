@@ -1,0 +1,182 @@
+// Request dispatch: authentication, access masks, faults, then the operation.
+#include "ember/protocol.hpp"
+#include "ops.h"
+
+#include <sys/stat.h>
+
+namespace json = boost::json;
+namespace p = ember_proto;
+
+namespace gwsim
+{
+namespace
+{
+
+enum class scope { account, path, none };
+
+struct route {
+    const char *target;
+    op_fn fn;
+    uint32_t need; // access bits besides the session bit; 0 for test endpoints
+    scope on;
+};
+
+const route routes[] = {
+    {p::op_secret_get, op_secret_get, p::access_read, scope::account},
+    {p::op_secret_set, op_secret_set, 0, scope::account}, // by kind, see needed_bits
+    {p::op_pull_configure, op_pull_configure, p::access_account, scope::account},
+    {p::op_pull_ondemand, op_pull_ondemand, p::access_account, scope::account},
+    {p::op_repl_enable, op_repl_enable, p::access_replica, scope::path},
+    {p::op_repl_disable, op_repl_disable, p::access_replica, scope::path},
+    {p::op_repl_detach, op_repl_detach, p::access_replica, scope::path},
+    {p::op_repl_switch, op_repl_switch, p::access_replica, scope::path},
+    {p::op_repl_join, op_repl_join, p::access_replica, scope::path},
+    {p::op_file_state, op_file_state, p::access_read, scope::path},
+    {p::op_file_open, op_file_open, p::access_read, scope::path},
+    {p::op_file_close, op_file_close, p::access_read, scope::none},
+    {p::op_dir_stat, op_dir_stat, p::access_read, scope::path},
+    {p::op_dir_list, op_dir_list, p::access_read, scope::path},
+    {p::op_test_dump, op_test_dump, 0, scope::none},
+    {p::op_test_fault, op_test_fault, 0, scope::none},
+};
+
+uint32_t needed_bits(const route &r, const json::object &o)
+{
+    if (r.fn == op_secret_set)
+        return int_field(o, "kind") == p::secret_kind_pull ? p::access_account
+                                                           : p::access_replica;
+    return r.need;
+}
+
+bool covers(const std::string &grant, const std::string &path)
+{
+    if (grant == "/" || grant == path)
+        return true;
+    return path.size() > grant.size() && path.compare(0, grant.size(), grant) == 0 &&
+           path[grant.size()] == '/';
+}
+
+// 0 when the caller may run `r` on `path`.
+int authorize(const state &st, const request &req, const route &r, const std::string &path,
+              uint32_t need)
+{
+    if (r.need == 0 && r.fn != op_secret_set)
+        return 0; // test endpoints
+    if (req.cert_auth)
+        return 0;
+    if (req.bearer.empty())
+        return p::err_auth;
+    std::vector<std::pair<std::string, uint32_t>> grants;
+    int rc = verify_jwt(st, req.bearer, grants);
+    if (rc != 0)
+        return rc;
+    need |= p::access_session;
+    for (auto &[gpath, mask] : grants)
+        if ((mask & need) == need && covers(gpath, path))
+            return 0;
+    return p::err_perm;
+}
+
+response answer(int code, json::object body)
+{
+    body["error"] = code;
+    return {p::status_for_err(code), json::serialize(body)};
+}
+
+} // namespace
+
+response handle_request(state &st, const request &req)
+{
+    boost::system::error_code ec;
+    json::value v = json::parse(req.body, ec);
+    if (ec || !v.is_object())
+        return answer(p::err_malformed, {});
+    const json::object &o = v.as_object();
+    if (req.target == p::op_peer_replica)
+        return answer(op_peer_replica(st, o, req.body, req.peer_mac), {});
+    for (const route &r : routes) {
+        if (req.target != r.target)
+            continue;
+        std::string path = r.on == scope::account ? "/" + field(o, "account")
+                           : r.on == scope::path  ? field(o, "path")
+                                                  : "/";
+        int rc = authorize(st, req, r, path, needed_bits(r, o));
+        if (rc != 0)
+            return answer(rc, {});
+        if (const fault *f = find_fault(st, req.target, req.body); f && f->error)
+            return answer(f->error, {});
+        json::object out;
+        rc = r.fn(st, o, out);
+        return answer(rc, rc == 0 ? std::move(out) : json::object{});
+    }
+    return {404, json::serialize(json::object{{"error", p::err_inval}})};
+}
+
+const fault *find_fault(const state &st, const std::string &target, const std::string &body)
+{
+    if (st.faults.empty())
+        return nullptr;
+    boost::system::error_code ec;
+    json::value v = json::parse(body, ec);
+    std::string path = (!ec && v.is_object()) ? field(v.as_object(), "path") : "";
+    for (const fault &f : st.faults)
+        if (f.op == target && (f.path.empty() || f.path == path))
+            return &f;
+    return nullptr;
+}
+
+std::string field(const json::object &o, const char *key)
+{
+    const json::value *v = o.if_contains(key);
+    return v && v->is_string() ? std::string(v->as_string()) : std::string();
+}
+
+int64_t int_field(const json::object &o, const char *key)
+{
+    const json::value *v = o.if_contains(key);
+    if (v && v->is_int64())
+        return v->as_int64();
+    if (v && v->is_bool())
+        return v->as_bool();
+    return 0;
+}
+
+bool local_path(const state &st, const std::string &path, std::string &out)
+{
+    if (path.empty() || path[0] != '/')
+        return false;
+    size_t i = 1;
+    while (i < path.size()) {
+        size_t j = path.find('/', i);
+        if (j == std::string::npos)
+            j = path.size();
+        std::string part = path.substr(i, j - i);
+        if (part.empty() || part == "." || part == "..")
+            return false;
+        i = j + 1;
+    }
+    if (path.size() > 1 && path.back() == '/')
+        return false;
+    out = st.root + (path == "/" ? "" : path);
+    return true;
+}
+
+std::string account_of(const std::string &path)
+{
+    size_t end = path.find('/', 1);
+    return path.substr(1, end == std::string::npos ? std::string::npos : end - 1);
+}
+
+bool is_regular(const std::string &local)
+{
+    struct stat sb;
+    return lstat(local.c_str(), &sb) == 0 && S_ISREG(sb.st_mode);
+}
+
+state::~state()
+{
+    for (EVP_PKEY *k : jwt_keys)
+        EVP_PKEY_free(k);
+}
+
+} // namespace gwsim

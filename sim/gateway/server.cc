@@ -1,0 +1,154 @@
+// The simulator's network side: a TLS listener, one thread per connection,
+// and the blocking client it uses to reach a peer gateway.
+#include "server.h"
+
+#include "ember/protocol.hpp"
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/json.hpp>
+#include <chrono>
+#include <openssl/x509v3.h>
+#include <thread>
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = asio::ip::tcp;
+
+namespace gwsim
+{
+namespace
+{
+
+request to_request(const http::request<http::string_body> &in, bool cert_auth)
+{
+    request r;
+    r.target = std::string(in.target());
+    r.body = in.body();
+    r.cert_auth = cert_auth;
+    std::string auth(in[http::field::authorization]);
+    if (auth.rfind("Bearer ", 0) == 0)
+        r.bearer = auth.substr(7);
+    r.peer_mac = std::string(in[ember_proto::hdr_peer_mac]);
+    return r;
+}
+
+// Applies a delay or drop fault; false when the connection must go.
+bool before_request(server &srv, const request &r)
+{
+    uint32_t delay = 0;
+    bool drop = false;
+    {
+        std::lock_guard<std::mutex> lock(srv.mu);
+        if (const fault *f = find_fault(srv.st, r.target, r.body)) {
+            delay = f->delay_ms;
+            drop = f->drop;
+        }
+    }
+    if (delay)
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    return !drop;
+}
+
+void session(server &srv, tcp::socket sock)
+{
+    beast::ssl_stream<tcp::socket> stream(std::move(sock), srv.tls);
+    boost::system::error_code ec;
+    stream.handshake(asio::ssl::stream_base::server, ec);
+    if (ec)
+        return;
+    SSL *ssl = stream.native_handle();
+    bool cert_auth = SSL_get0_peer_certificate(ssl) && SSL_get_verify_result(ssl) == X509_V_OK;
+    beast::flat_buffer buf;
+    for (;;) {
+        http::request<http::string_body> in;
+        http::read(stream, buf, in, ec);
+        if (ec)
+            break;
+        request r = to_request(in, cert_auth);
+        if (!before_request(srv, r))
+            break;
+        response out;
+        {
+            std::lock_guard<std::mutex> lock(srv.mu);
+            out = handle_request(srv.st, r);
+        }
+        http::response<http::string_body> res{static_cast<http::status>(out.status),
+                                              in.version()};
+        res.set(http::field::content_type, "application/json");
+        res.keep_alive(in.keep_alive());
+        res.body() = std::move(out.body);
+        res.prepare_payload();
+        http::write(stream, res, ec);
+        if (ec || !res.keep_alive())
+            break;
+    }
+    beast::get_lowest_layer(stream).close(ec);
+}
+
+int peer_answer(const http::response<http::string_body> &res)
+{
+    boost::system::error_code ec;
+    boost::json::value v = boost::json::parse(res.body(), ec);
+    if (!ec && v.is_object() && v.as_object().contains("error") &&
+        v.as_object().at("error").is_int64())
+        return static_cast<int>(v.as_object().at("error").as_int64());
+    return ember_proto::err_for_status(res.result_int());
+}
+
+} // namespace
+
+int send_peer(const std::string &addr, const std::string &body, const std::string &mac)
+{
+    std::string host;
+    uint16_t port;
+    if (!ember_proto::parse_address(addr.c_str(), host, port))
+        return ember_proto::err_inval;
+    asio::io_context io;
+    asio::ssl::context ctx(asio::ssl::context::tls_client);
+    boost::system::error_code ec;
+    ctx.set_default_verify_paths(ec);
+    ctx.set_verify_mode(asio::ssl::verify_peer);
+    beast::ssl_stream<tcp::socket> stream(io, ctx);
+    X509_VERIFY_PARAM *param = SSL_get0_param(stream.native_handle());
+    if (X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) != 1)
+        X509_VERIFY_PARAM_set1_host(param, host.c_str(), 0);
+    tcp::resolver resolver(io);
+    auto endpoints = resolver.resolve(host, std::to_string(port), ec);
+    if (!ec)
+        asio::connect(stream.next_layer(), endpoints, ec);
+    if (!ec)
+        stream.handshake(asio::ssl::stream_base::client, ec);
+    http::request<http::string_body> req{http::verb::post, ember_proto::op_peer_replica, 11};
+    req.set(http::field::host, host);
+    req.set(ember_proto::hdr_peer_mac, mac);
+    req.body() = body;
+    req.prepare_payload();
+    if (!ec)
+        http::write(stream, req, ec);
+    beast::flat_buffer buf;
+    http::response<http::string_body> res;
+    if (!ec)
+        http::read(stream, buf, res, ec);
+    bool failed = ec.failed();
+    stream.next_layer().close(ec);
+    return failed ? ember_proto::err_io : peer_answer(res);
+}
+
+void serve(server &srv, tcp::acceptor &acceptor)
+{
+    for (;;) {
+        boost::system::error_code ec;
+        tcp::socket sock = acceptor.accept(ec);
+        if (ec)
+            continue;
+        std::thread([&srv, s = std::move(sock)]() mutable { session(srv, std::move(s)); })
+            .detach();
+    }
+}
+
+} // namespace gwsim

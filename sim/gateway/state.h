@@ -1,0 +1,90 @@
+// The simulated gateway's state and its request handler, apart from any
+// network code so that tests can drive it directly.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <openssl/evp.h>
+#include <string>
+#include <vector>
+
+namespace gwsim
+{
+
+struct replica_state {
+    bool enabled = false;
+    bool is_master = false;
+    std::string peer_uid;
+    std::string peer_addr;
+};
+
+struct listing {
+    std::string path;
+    std::vector<std::pair<std::string, uint32_t>> entries; // name, mode
+};
+
+// A test's fault: requests to `op` (on `path`, or any path when empty) fail
+// with `error`, wait `delay_ms` first, or lose their connection.
+struct fault {
+    std::string op;
+    std::string path;
+    int error = 0;
+    uint32_t delay_ms = 0;
+    bool drop = false;
+};
+
+// Sends a peer request to the gateway at `addr`: 0, the peer's error code
+// (positive), or 80 when it cannot be reached.
+using peer_sender = std::function<int(const std::string &addr, const std::string &body,
+                                      const std::string &mac)>;
+
+struct state {
+    std::string root; // the data directory: "/" of the gateway's tree
+    std::string uid;
+    std::string self_addr; // how peers reach this gateway
+    std::vector<EVP_PKEY *> jwt_keys;              // owned
+    std::map<std::string, std::string> peer_addrs; // uid -> address
+    peer_sender send_peer;
+
+    std::map<std::string, std::map<int, std::string>> secrets; // account -> kind -> text
+    std::map<std::string, std::map<std::string, std::string>> pulls;
+    std::map<std::string, int> ondemand;
+    std::map<std::string, replica_state> replicas; // by path
+    std::map<std::string, listing> listings;       // by listing id
+    std::map<std::string, std::string> open_files; // handle -> path
+    std::vector<fault> faults;
+    uint64_t next_id = 1;
+
+    ~state();
+};
+
+struct request {
+    std::string target;
+    std::string body;
+    bool cert_auth = false; // the client presented a verified certificate
+    std::string bearer;     // JWT, when given
+    std::string peer_mac;
+};
+
+struct response {
+    unsigned status = 200;
+    std::string body;
+};
+
+// Carries out one request against `st`. Pure but for the data directory
+// and `st.send_peer`.
+response handle_request(state &st, const request &req);
+
+// The first fault that matches the request's target and body path.
+const fault *find_fault(const state &st, const std::string &target, const std::string &body);
+
+// Verifies a compact JWS against the trusted keys, its expiry and audience
+// and fills `grants` (path, mask). 0 or a positive error code.
+int verify_jwt(const state &st, const std::string &token,
+               std::vector<std::pair<std::string, uint32_t>> &grants);
+
+// Hex HMAC-SHA256 of `body` under `secret`.
+std::string peer_mac(const std::string &secret, const std::string &body);
+
+} // namespace gwsim

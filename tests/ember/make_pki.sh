@@ -1,0 +1,39 @@
+#!/bin/sh
+# Makes the test PKI in directory $1: a CA, a server certificate for
+# 127.0.0.1, site certificates with and without the web client usage (RSA
+# and EC keys), and a stranger CA with its own server certificate.
+set -eu
+cd "$1"
+q() { "$@" >/dev/null 2>&1; }
+
+ec_key() { q openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1"; }
+rsa_key() { q openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "$1"; }
+
+ca() { # name
+    ec_key "$1.key"
+    q openssl req -x509 -new -key "$1.key" -subj "/CN=$1" -days 2 -out "$1.pem"
+}
+
+cert() { # name ca extensions
+    q openssl req -new -key "$1.key" -subj "/CN=$1" -out "$1.csr"
+    printf '%s\n' "$3" > "$1.ext"
+    q openssl x509 -req -in "$1.csr" -CA "$2.pem" -CAkey "$2.key" -CAcreateserial \
+        -days 2 -extfile "$1.ext" -out "$1.crt"
+    cat "$1.crt" "$1.key" > "$1.pem"
+}
+
+ca ca
+ca stranger-ca
+ec_key server.key
+cert server ca "subjectAltName=IP:127.0.0.1"
+ec_key stranger-server.key
+cert stranger-server stranger-ca "subjectAltName=IP:127.0.0.1"
+rsa_key site-rsa.key
+cert site-rsa ca "basicConstraints=CA:FALSE"
+ec_key site-ec.key
+cert site-ec ca "basicConstraints=CA:FALSE"
+ec_key web-ec.key
+cert web-ec ca "extendedKeyUsage=clientAuth"
+ec_key untrusted.key
+cert untrusted stranger-ca "extendedKeyUsage=clientAuth"
+chmod 600 ./*.key ./*.pem
