@@ -35,6 +35,9 @@ ember_dir *self(ar_io_dir *dir)
 
 int fetch(ember_dir *d)
 {
+    d->offset += d->page.size();
+    d->page.clear();
+    d->pos = 0;
     json::object req{{"path", d->path}, {"limit", ember_proto::list_page_max}};
     if (!d->listing.empty()) {
         req["listing"] = d->listing;
@@ -50,9 +53,6 @@ int fetch(ember_dir *d)
     if (!entries || !entries->is_array() || !listing || !listing->is_string() || !more ||
         !more->is_bool())
         return -MOX_EPROTO;
-    d->offset += d->page.size();
-    d->page.clear();
-    d->pos = 0;
     for (const json::value &e : entries->as_array()) {
         const json::object *o = e.if_object();
         const json::value *name = o ? o->if_contains("name") : nullptr;

@@ -1,0 +1,122 @@
+// Directory handles: paged listings, children and their failures.
+#include "co_runner.h"
+#include "ember/ar_io.h"
+#include "mox/mox.h"
+#include "sim_fixture.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+using ember_test::cert_client;
+using ember_test::Sim;
+using tarn_test::run_in_coroutine;
+
+namespace
+{
+
+// Every entry of `dir` as "name:type" (d, f or l), in delivery order.
+int list(ar_io_dir *dir, std::vector<std::string> &out)
+{
+    ar_io_dir_entry *cur = nullptr;
+    int rc = dir->ops->read_first(dir, nullptr, &cur, 0);
+    for (; rc > 0; rc = dir->ops->read_next(dir, cur, 0)) {
+        uint32_t t = cur->mode & 0xF000;
+        out.push_back(std::string(cur->name) + ":" +
+                      (t == 0x4000 ? "d" : t == 0x8000 ? "f" : "l"));
+    }
+    if (cur)
+        dir->ops->release_entry(dir, cur);
+    return rc;
+}
+
+TEST(EmberDir, ListsEntriesAndChildren)
+{
+    Sim sim;
+    sim.mkdir("/acc/a/b");
+    sim.mkdir("/acc/empty");
+    sim.write("/acc/a/f");
+    sim.write("/acc/z");
+    ASSERT_EQ(symlink("z", (sim.data() + "/acc/link").c_str()), 0);
+    run_in_coroutine([&] {
+        ember_client *c = cert_client(sim.addr(), "site-ec.pem");
+        ar_io_dir *root = nullptr, *acc = nullptr, *a = nullptr, *e = nullptr, *x = nullptr;
+        ASSERT_EQ(ar_io_open_ember_dir_cl(c, "/", &root, 0), 0);
+        std::vector<std::string> names;
+        EXPECT_EQ(list(root, names), 0);
+        EXPECT_EQ(names, std::vector<std::string>{"acc:d"});
+        ASSERT_EQ(root->ops->open_child(root, "acc", &acc, 0), 0);
+        names.clear();
+        EXPECT_EQ(list(acc, names), 0);
+        EXPECT_EQ(names, (std::vector<std::string>{"a:d", "empty:d", "link:l", "z:f"}));
+        ASSERT_EQ(acc->ops->open_child(acc, "a", &a, 0), 0);
+        names.clear();
+        EXPECT_EQ(list(a, names), 0);
+        EXPECT_EQ(names, (std::vector<std::string>{"b:d", "f:f"}));
+        ASSERT_EQ(acc->ops->open_child(acc, "empty", &e, 0), 0);
+        ar_io_dir_entry *cur = nullptr;
+        EXPECT_EQ(e->ops->read_first(e, nullptr, &cur, 0), 0);
+        EXPECT_EQ(acc->ops->open_child(acc, "gone", &x, 0), -MOX_ENOENT);
+        EXPECT_EQ(acc->ops->open_child(acc, "z", &x, 0), -MOX_ENOTDIR);
+        EXPECT_EQ(x, nullptr);
+        EXPECT_EQ(ar_io_open_ember_dir_cl(c, "/nobody", &x, 0), -MOX_ENOENT);
+        // A directory removed after its handle was opened.
+        sim.write("/acc/empty/.keep");
+        ASSERT_EQ(system(("rm -rf '" + sim.data() + "/acc/empty'").c_str()), 0);
+        EXPECT_EQ(e->ops->read_first(e, nullptr, &cur, 0), -MOX_ENOENT);
+        for (ar_io_dir *d : {e, a, acc, root})
+            ar_io_dir_put(d);
+        ember_client_put(c);
+    });
+}
+
+TEST(EmberDir, ListingsCrossPageBoundaries)
+{
+    Sim sim;
+    sim.mkdir("/acc");
+    const int n = 2345; // two full pages and a part
+    for (int i = 0; i < n; i++)
+        sim.write("/acc/f" + std::to_string(100000 + i), "");
+    run_in_coroutine([&] {
+        ember_client *c = cert_client(sim.addr(), "site-ec.pem");
+        ar_io_dir *d = nullptr;
+        ASSERT_EQ(ar_io_open_ember_dir_cl(c, "/acc", &d, 0), 0);
+        for (int round = 0; round < 2; round++) { // a handle may be read again
+            std::vector<std::string> names;
+            EXPECT_EQ(list(d, names), 0);
+            ASSERT_EQ(names.size(), static_cast<size_t>(n));
+            for (int i = 0; i < n; i++)
+                ASSERT_EQ(names[i], "f" + std::to_string(100000 + i) + ":f");
+        }
+        ar_io_dir_put(d);
+        ember_client_put(c);
+    });
+    EXPECT_NE(sim.dump().find("\"listings\":0"), std::string::npos);
+}
+
+TEST(EmberDir, ErrorOnALaterPage)
+{
+    Sim sim;
+    sim.mkdir("/acc");
+    for (int i = 0; i < 1500; i++)
+        sim.write("/acc/f" + std::to_string(i), "");
+    run_in_coroutine([&] {
+        ember_client *c = cert_client(sim.addr(), "site-ec.pem");
+        ar_io_dir *d = nullptr;
+        ASSERT_EQ(ar_io_open_ember_dir_cl(c, "/acc", &d, 0), 0);
+        ar_io_dir_entry *cur = nullptr;
+        ASSERT_EQ(d->ops->read_first(d, nullptr, &cur, 0), 1);
+        sim.fault(R"({"op":"/v1/dir/list","path":"/acc","error":80})");
+        int rc = 1, seen = 1;
+        while ((rc = d->ops->read_next(d, cur, 0)) > 0)
+            seen++;
+        EXPECT_EQ(rc, -MOX_EIO);
+        EXPECT_EQ(seen, 1000);
+        d->ops->release_entry(d, cur);
+        ar_io_dir_put(d);
+        ember_client_put(c);
+    });
+}
+
+} // namespace

@@ -1,0 +1,182 @@
+// Test PKI and simulator processes.
+#include "sim_fixture.h"
+
+#include "mox/alloc.h"
+#include "mox/misc.h"
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+
+namespace ember_test
+{
+
+const std::string &pki()
+{
+    static std::string dir = [] {
+        char tmpl[] = "/tmp/ember-pki-XXXXXX";
+        std::string d = mkdtemp(tmpl);
+        std::string cmd = std::string(EMBER_MAKE_PKI) + " " + d;
+        if (system(cmd.c_str()) != 0)
+            abort();
+        setenv("SSL_CERT_FILE", (d + "/ca.pem").c_str(), 1);
+        return d;
+    }();
+    return dir;
+}
+
+std::string pki_file(const std::string &name)
+{
+    return pki() + "/" + name;
+}
+
+namespace
+{
+
+// Reads the port line the sim prints, for at most ten seconds.
+int read_port(int fd)
+{
+    std::string line;
+    char ch;
+    struct pollfd p = {fd, POLLIN, 0};
+    while (poll(&p, 1, 10000) == 1 && read(fd, &ch, 1) == 1 && ch != '\n')
+        line.push_back(ch);
+    return atoi(line.c_str());
+}
+
+} // namespace
+
+Sim::Sim(const std::string &uid, const std::vector<std::string> &extra, const std::string &cert)
+    : uid_(uid)
+{
+    char tmpl[] = "/tmp/ember-sim-XXXXXX";
+    data_ = mkdtemp(tmpl);
+    std::vector<std::string> args = {EMBER_SIM_PATH,
+                                     "--listen",
+                                     "127.0.0.1:0",
+                                     "--cert",
+                                     pki_file(cert + ".crt"),
+                                     "--key",
+                                     pki_file(cert + ".key"),
+                                     "--uid",
+                                     uid,
+                                     "--data",
+                                     data_,
+                                     "--client-ca",
+                                     pki_file("ca.pem"),
+                                     "--jwt-key",
+                                     pki_file("site-rsa.crt"),
+                                     "--jwt-key",
+                                     pki_file("web-ec.crt")};
+    args.insert(args.end(), extra.begin(), extra.end());
+    int fds[2];
+    if (pipe(fds) != 0)
+        abort();
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(fds[1], 1);
+        std::vector<char *> argv;
+        for (auto &a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    port_ = read_port(fds[0]);
+    close(fds[0]);
+    EXPECT_GT(port_, 0) << "the simulator did not start";
+}
+
+Sim::~Sim()
+{
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    std::string cmd = "rm -rf '" + data_ + "'";
+    if (system(cmd.c_str()) != 0)
+        ADD_FAILURE() << "cannot remove " << data_;
+}
+
+void Sim::mkdir(const std::string &path) const
+{
+    std::string cmd = "mkdir -p '" + data_ + path + "'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+}
+
+void Sim::write(const std::string &path, const std::string &content) const
+{
+    std::ofstream(data_ + path) << content;
+}
+
+std::string Sim::post(const std::string &op, const std::string &body) const
+{
+    asio::io_context io;
+    asio::ssl::context ctx(asio::ssl::context::tls_client);
+    ctx.load_verify_file(pki_file("ca.pem"));
+    ctx.set_verify_mode(asio::ssl::verify_peer);
+    beast::ssl_stream<beast::tcp_stream> stream(io, ctx);
+    boost::system::error_code ec;
+    beast::get_lowest_layer(stream).connect(
+        asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), port_), ec);
+    if (!ec)
+        stream.handshake(asio::ssl::stream_base::client, ec);
+    http::request<http::string_body> req{http::verb::post, op, 11};
+    req.body() = body;
+    req.prepare_payload();
+    if (!ec)
+        http::write(stream, req, ec);
+    beast::flat_buffer buf;
+    http::response<http::string_body> res;
+    if (!ec)
+        http::read(stream, buf, res, ec);
+    return ec ? std::string() : res.body();
+}
+
+void Sim::fault(const std::string &json) const
+{
+    ASSERT_EQ(post("/v1/test/fault", json), "{\"error\":0}");
+}
+
+ember_client *cert_client(const std::string &addr, const std::string &pem)
+{
+    ember_client *c = ember_client_alloc();
+    EXPECT_EQ(ember_client_set_host(c, addr.c_str()), 0);
+    EXPECT_EQ(ember_client_load_auth_from_pem_file(c, pki_file(pem).c_str()), 0);
+    return c;
+}
+
+ember_client *jwt_client(const std::string &addr, const std::string &pem, uint32_t mask,
+                         const std::string &audience)
+{
+    EVP_PKEY *key = nullptr;
+    EXPECT_EQ(mox_pkey_from_pem_file(pki_file(pem).c_str(), &key), 0);
+    ember_jwt_grant grant = {"/", mask};
+    ember_jwt_request req = {"tarn:self", "self", "self", "self", audience.c_str(), &grant, 1,
+                             key};
+    char *jwt = ember_jwt_generate(&req);
+    EVP_PKEY_free(key);
+    EXPECT_NE(jwt, nullptr);
+    ember_client *c = ember_client_alloc();
+    EXPECT_EQ(ember_client_set_host(c, addr.c_str()), 0);
+    EXPECT_EQ(ember_client_set_jwt(c, jwt ? jwt : ""), 0);
+    mox_free(jwt);
+    return c;
+}
+
+} // namespace ember_test
