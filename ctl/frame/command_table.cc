@@ -1,8 +1,10 @@
 #include "commands.h"
 #include "logmanager/enable_logmanager.h"
+#include "nfs/nfs.h"
 
 // In the order the words are compared; the first match wins.
 const tarn_command tarn_commands[] = {
+    {4, "nfs", set_opts_nfs, [](const char *) { (void)exec_nfs(); }},
     {6, "enable-logmanager", parse_opts_enable_logmanager,
      [](const char *path) { (void)exec_enable_logmanager(path); }},
 };
