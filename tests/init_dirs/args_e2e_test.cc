@@ -1,0 +1,250 @@
+// The argument grammar of init-dirs, set-attr and upgrade-dirs, run through
+// the real tool: refusals by their message and status, accepted command
+// lines by what the tool asks the cluster tool to set on the root.
+#include "dirs_fixture.h"
+
+namespace
+{
+
+using tarn_test::DirsTest;
+
+const char kInitUsage[] = "Create and prepare directories for use by TARN.\n"
+                          "SYNOPSIS: init-dirs encoding=M+N[/X] [ATTR=A]...\n"
+                          "See `quillon` for possible ATTR values.\n";
+const char kSetUsage[] = "Change storage format of backup archives.\n"
+                         "SYNOPSIS: set-attr [encoding=M+N[/X]] [ATTR=A]...\n"
+                         "See `quillon` for possible ATTR values.\n";
+const char kUpgradeUsage[] = "Create and prepare missing directories after TARN update.\n"
+                             "SYNOPSIS: upgrade-dirs\n";
+const char kBadEncoding[] = "' is not a valid encoding specification; the format must be "
+                            "'encoding=M+N/X' or 'encoding=M+N'";
+
+struct GrammarCase {
+    const char *name;
+    const char *storage_type; // "" leaves the key out
+    const char *root;         // "-" leaves root_dir out, "" the sandbox root
+    std::vector<std::string> args;
+    int status;
+    std::string err; // 255: the whole standard error; else a part of it
+    // The stand-in's invocations on the root, "R" standing for its path.
+    std::vector<std::string> on_root;
+};
+
+const GrammarCase kCases[] = {
+    {"init_usage", "local", "", {"init-dirs"}, 255, kInitUsage, {}},
+    {"set_usage", "local", "", {"set-attr"}, 255, kSetUsage, {}},
+    {"upgrade_usage", "local", "", {"upgrade-dirs", "x"}, 255, kUpgradeUsage, {}},
+    {"init_full_encoding",
+     "local",
+     "",
+     {"init-dirs", "encoding=5+2/3"},
+     0,
+     "",
+     {"-q set-attr R encoding=5+2/3", "-A -q set-attr R chunk-size=2147483648",
+      "-A -q set-attr R failure-domain=host"}},
+    {"init_user_attrs_before_defaults",
+     "s3",
+     "",
+     {"init-dirs", "encoding=5+2", "tier=1", "failure-domain=disk"},
+     0,
+     "",
+     {"-q set-attr R encoding=5+2", "-A -q set-attr R tier=1",
+      "-A -q set-attr R failure-domain=disk", "-A -q set-attr R chunk-size=2147483648"}},
+    {"init_hex_and_octal",
+     "azure",
+     "",
+     {"init-dirs", "encoding=0x3+02", "chunk-size=1048576"},
+     0,
+     "",
+     {"-q set-attr R encoding=3+2", "-A -q set-attr R chunk-size=1048576",
+      "-A -q set-attr R failure-domain=host"}},
+    {"init_last_encoding_wins",
+     "google",
+     "",
+     {"init-dirs", "encoding=3+2", "encoding=4+1/1"},
+     0,
+     "",
+     {"-q set-attr R encoding=4+1/1", "-A -q set-attr R chunk-size=2147483648",
+      "-A -q set-attr R failure-domain=host"}},
+    {"init_chunk_size_prefix",
+     "swift",
+     "",
+     {"init-dirs", "chunk-sizes=5", "encoding=2+1"},
+     0,
+     "",
+     {"-q set-attr R encoding=2+1", "-A -q set-attr R chunk-sizes=5",
+      "-A -q set-attr R failure-domain=host"}},
+    {"init_negative_n",
+     "local",
+     "",
+     {"init-dirs", "encoding=3+-1/2"},
+     1,
+     "'encoding=3+-1/2" + std::string(kBadEncoding),
+     {}},
+    {"init_negative_m",
+     "local",
+     "",
+     {"init-dirs", "encoding=-1+2"},
+     1,
+     "'encoding=-1+2" + std::string(kBadEncoding),
+     {}},
+    {"init_no_encoding",
+     "local",
+     "",
+     {"init-dirs", "tier=1"},
+     1,
+     "encoding= is a required parameter",
+     {}},
+    {"init_nfs",
+     "nfs",
+     "",
+     {"init-dirs", "encoding=1+0"},
+     0,
+     "",
+     {"-q set-attr R encoding=1+0", "-A -q set-attr R chunk-size=2147483648",
+      "-A -q set-attr R failure-domain=host"}},
+    {"init_nfs_zero_x",
+     "nfs",
+     "",
+     {"init-dirs", "tier=2", "encoding=1+0/0"},
+     0,
+     "",
+     {"-q set-attr R encoding=1+0/0", "-A -q set-attr R tier=2",
+      "-A -q set-attr R chunk-size=2147483648", "-A -q set-attr R failure-domain=host"}},
+    {"init_nfs_x",
+     "nfs",
+     "",
+     {"init-dirs", "encoding=1+0/1"},
+     1,
+     "storage.type=nfs requires encoding=1+0",
+     {}},
+    {"init_nfs_m",
+     "nfs",
+     "",
+     {"init-dirs", "encoding=2+0"},
+     1,
+     "storage.type=nfs requires encoding=1+0",
+     {}},
+    {"init_nfs_chunk_size",
+     "nfs",
+     "",
+     {"init-dirs", "encoding=1+0", "chunk-size=1048576"},
+     1,
+     "chunk-size= and failure-domain= options are not supported for storage.type=nfs",
+     {}},
+    {"init_nfs_failure_domain",
+     "nfs",
+     "",
+     {"init-dirs", "failure-domain=disk", "encoding=1+0"},
+     1,
+     "chunk-size= and failure-domain= options are not supported for storage.type=nfs",
+     {}},
+    {"init_unknown_type",
+     "ceph",
+     "",
+     {"init-dirs", "encoding=2+1"},
+     1,
+     "unsupported storage.type=ceph in TARN config file",
+     {}},
+    {"init_encoding_checked_first",
+     "ceph",
+     "",
+     {"init-dirs", "encoding=x"},
+     1,
+     "'encoding=x" + std::string(kBadEncoding),
+     {}},
+    {"init_no_storage_type",
+     "",
+     "",
+     {"init-dirs", "encoding=1+0"},
+     1,
+     "failed to find a line 'storage.type = <type>' in TARN config file: -8 (",
+     {}},
+    {"init_no_root",
+     "local",
+     "-",
+     {"init-dirs", "encoding=1+0"},
+     1,
+     "TARN config file does not define $root_dir.\n",
+     {}},
+    {"set_attrs_only", "swift", "", {"set-attr", "tier=3"}, 0, "", {"-A -q set-attr R tier=3"}},
+    {"set_encoding",
+     "local",
+     "",
+     {"set-attr", "encoding=4+1/1", "tier=0"},
+     0,
+     "",
+     {"-q set-attr R encoding=4+1/1", "-A -q set-attr R tier=0"}},
+    {"set_nfs",
+     "nfs",
+     "",
+     {"set-attr", "tier=3"},
+     1,
+     "set-attr is not supported for storage.type=nfs",
+     {}},
+    {"set_no_storage_type",
+     "",
+     "",
+     {"set-attr", "tier=3"},
+     1,
+     "failed to find a line 'storage.type = <type>' in TARN config file: -8 (",
+     {}},
+    {"set_type_before_root",
+     "nfs",
+     "-",
+     {"set-attr", "tier=3"},
+     1,
+     "set-attr is not supported for storage.type=nfs",
+     {}},
+    {"set_no_root",
+     "local",
+     "-",
+     {"set-attr", "tier=3"},
+     1,
+     "TARN config file does not define $root_dir.\n",
+     {}},
+    {"set_bad_encoding",
+     "local",
+     "",
+     {"set-attr", "encoding=4"},
+     1,
+     "'encoding=4" + std::string(kBadEncoding),
+     {}},
+    {"upgrade_no_root",
+     "ceph",
+     "-",
+     {"upgrade-dirs"},
+     1,
+     "failed: TARN config file does not define $root_dir\n",
+     {}},
+};
+
+class Grammar : public DirsTest, public ::testing::WithParamInterface<GrammarCase>
+{
+};
+
+TEST_P(Grammar, RefusesOrSetsTheRootAttributes)
+{
+    const GrammarCase &c = GetParam();
+    configure(c.storage_type, c.root);
+    for (const char *d : tarn_test::kTreeDirs)
+        sb_.mkdir("r/" + std::string(d));
+    auto r = run_ctl(c.args);
+    ASSERT_EQ(r.status, c.status) << r.err;
+    if (c.status == 255)
+        EXPECT_EQ(r.err, c.err);
+    else
+        EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+    std::vector<std::string> on_root;
+    for (const std::string &line : take_log()) {
+        auto at = line.find(" " + root_ + " ");
+        if (at != std::string::npos)
+            on_root.push_back(line.substr(0, at) + " R " + line.substr(at + root_.size() + 2));
+    }
+    EXPECT_EQ(on_root, c.on_root);
+}
+
+INSTANTIATE_TEST_SUITE_P(DirCommands, Grammar, ::testing::ValuesIn(kCases),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+} // namespace
