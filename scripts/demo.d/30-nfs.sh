@@ -38,7 +38,6 @@ echo '--- the test archive call:'
 cat "$state/bundlectl.log"
 echo '--- simulated /proc/mounts:'
 cat "$state/mounts"
-echo '--- df with nothing mounted is refused (status 122):'
 nfs --df
 nfs --umount
 echo '--- simulated /proc/mounts after unmounting (empty):'
