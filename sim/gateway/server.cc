@@ -56,8 +56,10 @@ bool before_request(server &srv, const request &r)
 
 void session(server &srv, tcp::socket sock)
 {
-    beast::ssl_stream<tcp::socket> stream(std::move(sock), srv.tls);
     boost::system::error_code ec;
+    // Answers go out whole at once; Nagle would hold their tails back.
+    sock.set_option(tcp::no_delay(true), ec);
+    beast::ssl_stream<tcp::socket> stream(std::move(sock), srv.tls);
     stream.handshake(asio::ssl::stream_base::server, ec);
     if (ec)
         return;
