@@ -29,9 +29,9 @@ struct Clock {
     double cpu0 = cpu_ms();
     void report(const char *what, long n)
     {
-        double wall = std::chrono::duration<double, std::milli>(
-                          std::chrono::steady_clock::now() - t0)
-                          .count();
+        double wall =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0)
+                .count();
         double cpu = cpu_ms() - cpu0;
         printf("%-28s %8ld in %8.1f ms: %9.0f /s, tool CPU %6.1f us each\n", what, n, wall,
                n * 1e3 / wall, cpu * 1e3 / n);

@@ -161,7 +161,8 @@ int op_dir_list(state &st, const json::object &o, json::object &out)
         return p::err_noent;
     const auto &entries = it->second.entries;
     uint64_t limit = std::clamp<int64_t>(int_field(o, "limit"), 1, p::list_page_max);
-    uint64_t from = std::min<uint64_t>(std::max<int64_t>(int_field(o, "offset"), 0), entries.size());
+    uint64_t from =
+        std::min<uint64_t>(std::max<int64_t>(int_field(o, "offset"), 0), entries.size());
     uint64_t to = std::min<uint64_t>(from + limit, entries.size());
     json::array page;
     for (uint64_t i = from; i < to; i++)

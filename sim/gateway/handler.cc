@@ -43,8 +43,7 @@ const route routes[] = {
 uint32_t needed_bits(const route &r, const json::object &o)
 {
     if (r.fn == op_secret_set)
-        return int_field(o, "kind") == p::secret_kind_pull ? p::access_account
-                                                           : p::access_replica;
+        return int_field(o, "kind") == p::secret_kind_pull ? p::access_account : p::access_replica;
     return r.need;
 }
 

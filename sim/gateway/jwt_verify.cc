@@ -40,10 +40,10 @@ bool raw_to_der(const std::string &raw, std::string &der)
 bool verify_with(EVP_PKEY *key, const std::string &input, const std::string &sig)
 {
     EVP_MD_CTX *md = EVP_MD_CTX_new();
-    bool ok = md && EVP_DigestVerifyInit(md, nullptr, EVP_sha256(), nullptr, key) == 1 &&
-              EVP_DigestVerify(md, reinterpret_cast<const unsigned char *>(sig.data()),
-                               sig.size(), reinterpret_cast<const unsigned char *>(input.data()),
-                               input.size()) == 1;
+    bool ok =
+        md && EVP_DigestVerifyInit(md, nullptr, EVP_sha256(), nullptr, key) == 1 &&
+        EVP_DigestVerify(md, reinterpret_cast<const unsigned char *>(sig.data()), sig.size(),
+                         reinterpret_cast<const unsigned char *>(input.data()), input.size()) == 1;
     EVP_MD_CTX_free(md);
     return ok;
 }

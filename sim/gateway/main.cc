@@ -46,22 +46,37 @@ struct options {
 
 void parse(int argc, char **argv, gwsim::server &srv, options &opt)
 {
-    static const struct option longopts[] = {
-        {"listen", required_argument, nullptr, 'l'}, {"cert", required_argument, nullptr, 'c'},
-        {"key", required_argument, nullptr, 'k'},    {"uid", required_argument, nullptr, 'u'},
-        {"data", required_argument, nullptr, 'd'},   {"client-ca", required_argument, nullptr, 'a'},
-        {"jwt-key", required_argument, nullptr, 'j'}, {"peer", required_argument, nullptr, 'p'},
-        {nullptr, 0, nullptr, 0}};
+    static const struct option longopts[] = {{"listen", required_argument, nullptr, 'l'},
+                                             {"cert", required_argument, nullptr, 'c'},
+                                             {"key", required_argument, nullptr, 'k'},
+                                             {"uid", required_argument, nullptr, 'u'},
+                                             {"data", required_argument, nullptr, 'd'},
+                                             {"client-ca", required_argument, nullptr, 'a'},
+                                             {"jwt-key", required_argument, nullptr, 'j'},
+                                             {"peer", required_argument, nullptr, 'p'},
+                                             {nullptr, 0, nullptr, 0}};
     int c;
     while ((c = getopt_long(argc, argv, "", longopts, nullptr)) != -1) {
         std::string v = optarg ? optarg : "";
         switch (c) {
-        case 'l': opt.listen = v; break;
-        case 'c': opt.cert = v; break;
-        case 'k': opt.key = v; break;
-        case 'u': srv.st.uid = v; break;
-        case 'd': srv.st.root = v; break;
-        case 'a': opt.client_ca = v; break;
+        case 'l':
+            opt.listen = v;
+            break;
+        case 'c':
+            opt.cert = v;
+            break;
+        case 'k':
+            opt.key = v;
+            break;
+        case 'u':
+            srv.st.uid = v;
+            break;
+        case 'd':
+            srv.st.root = v;
+            break;
+        case 'a':
+            opt.client_ca = v;
+            break;
         case 'j':
             if (EVP_PKEY *key = load_public_key(optarg))
                 srv.st.jwt_keys.push_back(key);
@@ -75,7 +90,9 @@ void parse(int argc, char **argv, gwsim::server &srv, options &opt)
             srv.st.peer_addrs[v.substr(0, eq)] = v.substr(eq + 1);
             break;
         }
-        default: fputs(usage, stderr); exit(2);
+        default:
+            fputs(usage, stderr);
+            exit(2);
         }
     }
     if (opt.listen.empty() || opt.cert.empty() || opt.key.empty() || srv.st.uid.empty() ||

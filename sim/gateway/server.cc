@@ -79,8 +79,7 @@ void session(server &srv, tcp::socket sock)
             std::lock_guard<std::mutex> lock(srv.mu);
             out = handle_request(srv.st, r);
         }
-        http::response<http::string_body> res{static_cast<http::status>(out.status),
-                                              in.version()};
+        http::response<http::string_body> res{static_cast<http::status>(out.status), in.version()};
         res.set(http::field::content_type, "application/json");
         res.keep_alive(in.keep_alive());
         res.body() = std::move(out.body);
@@ -148,8 +147,7 @@ void serve(server &srv, tcp::acceptor &acceptor)
         tcp::socket sock = acceptor.accept(ec);
         if (ec)
             continue;
-        std::thread([&srv, s = std::move(sock)]() mutable { session(srv, std::move(s)); })
-            .detach();
+        std::thread([&srv, s = std::move(sock)]() mutable { session(srv, std::move(s)); }).detach();
     }
 }
 

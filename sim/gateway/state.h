@@ -36,13 +36,13 @@ struct fault {
 
 // Sends a peer request to the gateway at `addr`: 0, the peer's error code
 // (positive), or 80 when it cannot be reached.
-using peer_sender = std::function<int(const std::string &addr, const std::string &body,
-                                      const std::string &mac)>;
+using peer_sender =
+    std::function<int(const std::string &addr, const std::string &body, const std::string &mac)>;
 
 struct state {
     std::string root; // the data directory: "/" of the gateway's tree
     std::string uid;
-    std::string self_addr; // how peers reach this gateway
+    std::string self_addr;                         // how peers reach this gateway
     std::vector<EVP_PKEY *> jwt_keys;              // owned
     std::map<std::string, std::string> peer_addrs; // uid -> address
     peer_sender send_peer;

@@ -30,11 +30,11 @@ TEST(EmberAddress, AcceptsNamesAddressesAndPorts)
         const char *addr;
         int rc;
     } cases[] = {
-        {"127.0.0.1", 0},      {"127.0.0.1:1", 0},   {"gw-1.example", 0}, {"[::1]", 0},
-        {"[::1]:8443", 0},     {"", -30},            {":80", -30},        {"host:", -30},
-        {"host:0", -30},       {"host:65536", -30},  {"host:8x", -30},    {"::1", -30},
-        {"[::1", -30},         {"[::1]x", -30},      {"[]:1", -30},       {"a b", -30},
-        {"[127.0.0.1]", -30},  {"host:1:2", -30},
+        {"127.0.0.1", 0},     {"127.0.0.1:1", 0},  {"gw-1.example", 0}, {"[::1]", 0},
+        {"[::1]:8443", 0},    {"", -30},           {":80", -30},        {"host:", -30},
+        {"host:0", -30},      {"host:65536", -30}, {"host:8x", -30},    {"::1", -30},
+        {"[::1", -30},        {"[::1]x", -30},     {"[]:1", -30},       {"a b", -30},
+        {"[127.0.0.1]", -30}, {"host:1:2", -30},
     };
     ember_client *c = ember_client_alloc();
     for (auto &tc : cases)
@@ -145,13 +145,16 @@ TEST(EmberClient, ReplicationBetweenTwoSims)
         EXPECT_EQ(ember_file_enable_replication(m, "/acc/sub/f", sa, "dc-b"), 0);
         char *st = nullptr;
         EXPECT_EQ(ember_file_get_state(m, "/acc/sub/f", &st), 0);
-        EXPECT_EQ(take(st), "replica.enabled = 1\nreplica.is_master = 1\nreplica.peer_uid = dc-b\n");
+        EXPECT_EQ(take(st),
+                  "replica.enabled = 1\nreplica.is_master = 1\nreplica.peer_uid = dc-b\n");
         EXPECT_EQ(ember_file_get_state(s, "/acc/sub/f", &st), 0);
-        EXPECT_EQ(take(st), "replica.enabled = 1\nreplica.is_master = 0\nreplica.peer_uid = dc-a\n");
+        EXPECT_EQ(take(st),
+                  "replica.enabled = 1\nreplica.is_master = 0\nreplica.peer_uid = dc-a\n");
         // Roles swap, and the new master can hand them back.
         EXPECT_EQ(ember_file_switch_to_slave_replica(m, "/acc/sub/f"), 0);
         EXPECT_EQ(ember_file_get_state(s, "/acc/sub/f", &st), 0);
-        EXPECT_EQ(take(st), "replica.enabled = 1\nreplica.is_master = 1\nreplica.peer_uid = dc-a\n");
+        EXPECT_EQ(take(st),
+                  "replica.enabled = 1\nreplica.is_master = 1\nreplica.peer_uid = dc-a\n");
         EXPECT_EQ(ember_file_switch_to_slave_replica(m, "/acc/sub/f"), -MOX_EINVAL);
         EXPECT_EQ(ember_file_switch_to_slave_replica(s, "/acc/sub/f"), 0);
         // Detach on the slave, join it again, then disable from the master.

@@ -23,8 +23,7 @@ int list(ar_io_dir *dir, std::vector<std::string> &out)
     int rc = dir->ops->read_first(dir, nullptr, &cur, 0);
     for (; rc > 0; rc = dir->ops->read_next(dir, cur, 0)) {
         uint32_t t = cur->mode & 0xF000;
-        out.push_back(std::string(cur->name) + ":" +
-                      (t == 0x4000 ? "d" : t == 0x8000 ? "f" : "l"));
+        out.push_back(std::string(cur->name) + ":" + (t == 0x4000 ? "d" : t == 0x8000 ? "f" : "l"));
     }
     if (cur)
         dir->ops->release_entry(dir, cur);

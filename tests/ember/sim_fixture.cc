@@ -167,8 +167,7 @@ ember_client *jwt_client(const std::string &addr, const std::string &pem, uint32
     EVP_PKEY *key = nullptr;
     EXPECT_EQ(mox_pkey_from_pem_file(pki_file(pem).c_str(), &key), 0);
     ember_jwt_grant grant = {"/", mask};
-    ember_jwt_request req = {"tarn:self", "self", "self", "self", audience.c_str(), &grant, 1,
-                             key};
+    ember_jwt_request req = {"tarn:self", "self", "self", "self", audience.c_str(), &grant, 1, key};
     char *jwt = ember_jwt_generate(&req);
     EVP_PKEY_free(key);
     EXPECT_NE(jwt, nullptr);

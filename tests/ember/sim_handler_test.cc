@@ -29,10 +29,7 @@ class SimHandler : public ::testing::Test
         ASSERT_EQ(mox_pkey_from_pem_file(ember_test::pki_file("site-rsa.pem").c_str(), &k), 0);
         st.jwt_keys.push_back(k);
     }
-    void TearDown() override
-    {
-        ASSERT_EQ(system(("rm -rf '" + st.root + "'").c_str()), 0);
-    }
+    void TearDown() override { ASSERT_EQ(system(("rm -rf '" + st.root + "'").c_str()), 0); }
     // Runs a request as a certificate-authenticated client.
     json::object run(const char *op, const std::string &body, unsigned *status = nullptr)
     {
@@ -85,8 +82,8 @@ TEST_F(SimHandler, TokensAreCheckedForExpiryAndGrants)
     auto with = [&](int64_t exp, const char *path, int mask) {
         json::object claims{{"aud", "self"}, {"exp", exp}};
         claims["grants"] = json::array{json::object{{"path", path}, {"mask", mask}}};
-        gwsim::request req{p::op_secret_set, R"({"account":"acc","kind":1,"secret":"s"})",
-                           false, token(claims), ""};
+        gwsim::request req{p::op_secret_set, R"({"account":"acc","kind":1,"secret":"s"})", false,
+                           token(claims), ""};
         return json::parse(gwsim::handle_request(st, req).body).at("error").as_int64();
     };
     EXPECT_EQ(with(now + 60, "/", 7), 0);

@@ -9,7 +9,6 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
-
 namespace
 {
 
@@ -114,8 +113,8 @@ int ember_client_set_ident(ember_client *client, const char *name, int major, in
 {
     if (!name || strpbrk(name, "\r\n"))
         return -MOX_EINVAL;
-    client->ident = std::string(name) + "/" + std::to_string(major) + "." +
-                    std::to_string(minor) + " " + std::to_string(kind);
+    client->ident = std::string(name) + "/" + std::to_string(major) + "." + std::to_string(minor) +
+                    " " + std::to_string(kind);
     return 0;
 }
 

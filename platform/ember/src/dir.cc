@@ -59,7 +59,8 @@ int fetch(ember_dir *d)
         const json::value *mode = o ? o->if_contains("mode") : nullptr;
         if (!name || !name->is_string() || !mode || !mode->is_int64())
             return -MOX_EPROTO;
-        d->page.push_back({std::string(name->as_string()), static_cast<uint32_t>(mode->as_int64())});
+        d->page.push_back(
+            {std::string(name->as_string()), static_cast<uint32_t>(mode->as_int64())});
     }
     d->listing = std::string(listing->as_string());
     d->last = !more->as_bool();

@@ -18,10 +18,10 @@ bool sign(EVP_PKEY *key, const std::string &input, std::string &sig)
 {
     EVP_MD_CTX *md = EVP_MD_CTX_new();
     size_t len = 0;
-    bool ok = md && EVP_DigestSignInit(md, nullptr, EVP_sha256(), nullptr, key) == 1 &&
-              EVP_DigestSign(md, nullptr, &len,
-                             reinterpret_cast<const unsigned char *>(input.data()),
-                             input.size()) == 1;
+    bool ok =
+        md && EVP_DigestSignInit(md, nullptr, EVP_sha256(), nullptr, key) == 1 &&
+        EVP_DigestSign(md, nullptr, &len, reinterpret_cast<const unsigned char *>(input.data()),
+                       input.size()) == 1;
     if (ok) {
         sig.resize(len);
         ok = EVP_DigestSign(md, reinterpret_cast<unsigned char *>(sig.data()), &len,
@@ -58,9 +58,14 @@ boost::json::object claims(const ember_jwt_request *req)
                                              {"mask", req->grants[i].mask}});
     int64_t now = get_real_time_ms() / 1000;
     return boost::json::object{
-        {"iss", text(req->issuer)},  {"sub", text(req->subject)}, {"tnt", text(req->tenant)},
-        {"acc", text(req->account)}, {"aud", text(req->audience)}, {"grants", grants},
-        {"iat", now},                {"exp", now + jwt_lifetime_s},
+        {"iss", text(req->issuer)},
+        {"sub", text(req->subject)},
+        {"tnt", text(req->tenant)},
+        {"acc", text(req->account)},
+        {"aud", text(req->audience)},
+        {"grants", grants},
+        {"iat", now},
+        {"exp", now + jwt_lifetime_s},
     };
 }
 

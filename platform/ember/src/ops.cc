@@ -69,8 +69,7 @@ int ember_get_trust_secret(ember_client *client, const char *account, int kind, 
                             {{"account", text(account)}, {"kind", kind}}, "secret", secret);
 }
 
-int ember_set_trust_secret(ember_client *client, const char *account, int kind,
-                           const char *secret)
+int ember_set_trust_secret(ember_client *client, const char *account, int kind, const char *secret)
 {
     return call(client, ember_proto::op_secret_set,
                 {{"account", text(account)}, {"kind", kind}, {"secret", text(secret)}}, nullptr);
@@ -99,17 +98,16 @@ int ember_account_pull_set_ondemand_only(ember_client *client, const char *accou
 int ember_file_enable_replication(ember_client *client, const char *path, const char *slave_addr,
                                   const char *slave_uid)
 {
-    return call(client, ember_proto::op_repl_enable,
-                {{"path", text(path)},
-                 {"slave_addr", text(slave_addr)},
-                 {"slave_uid", text(slave_uid)}},
-                nullptr);
+    return call(
+        client, ember_proto::op_repl_enable,
+        {{"path", text(path)}, {"slave_addr", text(slave_addr)}, {"slave_uid", text(slave_uid)}},
+        nullptr);
 }
 
 int ember_file_disable_replication(ember_client *client, const char *path, int force)
 {
-    return call(client, ember_proto::op_repl_disable,
-                {{"path", text(path)}, {"force", force != 0}}, nullptr);
+    return call(client, ember_proto::op_repl_disable, {{"path", text(path)}, {"force", force != 0}},
+                nullptr);
 }
 
 int ember_file_detach_replica_from_master(ember_client *client, const char *path, int flags)
@@ -123,8 +121,7 @@ int ember_file_switch_to_slave_replica(ember_client *client, const char *path)
     return call(client, ember_proto::op_repl_switch, {{"path", text(path)}}, nullptr);
 }
 
-int ember_file_join_to_slave_replica(ember_client *client, const char *path,
-                                     const char *slave_uid)
+int ember_file_join_to_slave_replica(ember_client *client, const char *path, const char *slave_uid)
 {
     return call(client, ember_proto::op_repl_join,
                 {{"path", text(path)}, {"slave_uid", text(slave_uid)}}, nullptr);
@@ -140,8 +137,8 @@ int ember_file_open(ember_client *client, ember_file **file, const char *path, i
 {
     json::object answer;
     *file = nullptr;
-    int rc = call(client, ember_proto::op_file_open, {{"path", text(path)}, {"flags", flags}},
-                  &answer);
+    int rc =
+        call(client, ember_proto::op_file_open, {{"path", text(path)}, {"flags", flags}}, &answer);
     if (rc != 0)
         return rc;
     const json::value *h = answer.if_contains("handle");

@@ -136,9 +136,9 @@ int connect(ember_client *c, ember_transport *t)
                       [&] { sock.socket().close(); }, ec);
     if (rc == 0) {
         sock.socket().set_option(tcp::no_delay(true), ec);
-        rc = await_op(
-            [&](auto h) { t->stream->async_handshake(asio::ssl::stream_base::client, h); },
-            [&] { sock.socket().close(); }, ec);
+        rc =
+            await_op([&](auto h) { t->stream->async_handshake(asio::ssl::stream_base::client, h); },
+                     [&] { sock.socket().close(); }, ec);
     }
     if (rc != 0)
         t->stream.reset();
@@ -159,8 +159,8 @@ int exchange(ember_client *c, ember_transport *t, const char *target, const std:
     req.prepare_payload();
     auto &sock = beast::get_lowest_layer(*t->stream).socket();
     boost::system::error_code ec;
-    int rc = await_op([&](auto h) { http::async_write(*t->stream, req, h); },
-                      [&] { sock.close(); }, ec);
+    int rc =
+        await_op([&](auto h) { http::async_write(*t->stream, req, h); }, [&] { sock.close(); }, ec);
     http::response_parser<http::string_body> parser;
     parser.body_limit(64u << 20);
     if (rc == 0)

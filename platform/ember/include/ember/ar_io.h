@@ -24,8 +24,7 @@ typedef struct ar_io_dir_entry {
 typedef struct ar_io_dir_ops {
     /* 1 and *cursor on the first entry, 0 for an empty directory, or a
      * negative code. `unused` is ignored (pass null). */
-    int (*read_first)(ar_io_dir *dir, ar_io_dir_entry *unused, ar_io_dir_entry **cursor,
-                      int flags);
+    int (*read_first)(ar_io_dir *dir, ar_io_dir_entry *unused, ar_io_dir_entry **cursor, int flags);
     /* 1 with the cursor on the next entry, 0 at the end, or a negative
      * code. */
     int (*read_next)(ar_io_dir *dir, ar_io_dir_entry *cursor, int flags);

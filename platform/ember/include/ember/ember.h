@@ -61,8 +61,7 @@ int ember_client_load_auth_from_pem_file(ember_client *client, const char *path)
 int ember_client_set_allowed_protos(ember_client *client, int protos);
 /* Sets the identification sent with every request: a product name, its
  * major and minor version and a kind number. Does not suspend. */
-int ember_client_set_ident(ember_client *client, const char *name, int major, int minor,
-                           int kind);
+int ember_client_set_ident(ember_client *client, const char *name, int major, int minor, int kind);
 /* Non-zero when the loaded certificate carries the extended key usage
  * TLS Web Client Authentication. */
 int ember_client_is_web(const ember_client *client);
@@ -80,8 +79,7 @@ char *ember_jwt_generate(const ember_jwt_request *req);
  * Suspends. */
 int ember_get_trust_secret(ember_client *client, const char *account, int kind, char **secret);
 /* Sets the account's trust secret of `kind`; "" clears it. Suspends. */
-int ember_set_trust_secret(ember_client *client, const char *account, int kind,
-                           const char *secret);
+int ember_set_trust_secret(ember_client *client, const char *account, int kind, const char *secret);
 /* Tells the destination gateway to pull `src_account` from the gateway at
  * `src` (uid `src_dc_uid`) into `new_name`, authenticated with `secret`.
  * Flags: bit 4 trust mode, bit 1 remove the source when done. Suspends. */
@@ -105,8 +103,7 @@ int ember_file_detach_replica_from_master(ember_client *client, const char *path
  * replica. */
 int ember_file_switch_to_slave_replica(ember_client *client, const char *path);
 /* Master: make the slave `slave_uid` a replica of this file again. */
-int ember_file_join_to_slave_replica(ember_client *client, const char *path,
-                                     const char *slave_uid);
+int ember_file_join_to_slave_replica(ember_client *client, const char *path, const char *slave_uid);
 /* The file's state text ("replica.enabled", "replica.is_master",
  * "replica.peer_uid" in configuration syntax) in *state, allocated with
  * the runtime's allocator and freed by the caller. */

@@ -150,7 +150,8 @@ inline bool parse_address(const char *address, std::string &host, uint16_t &port
         if (host.empty())
             return false;
         for (char ch : host)
-            if (!std::isalnum(static_cast<unsigned char>(ch)) && ch != '.' && ch != '-' && ch != '_')
+            if (!std::isalnum(static_cast<unsigned char>(ch)) && ch != '.' && ch != '-' &&
+                ch != '_')
                 return false;
     }
     port = default_port;
