@@ -2,6 +2,7 @@
 // with real state, for tests and benchmarks on loopback.
 #include "ember/protocol.hpp"
 #include "server.h"
+#include "sync_client.h"
 
 #include <cstdio>
 #include <getopt.h>

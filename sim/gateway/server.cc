@@ -91,54 +91,7 @@ void session(server &srv, tcp::socket sock)
     beast::get_lowest_layer(stream).close(ec);
 }
 
-int peer_answer(const http::response<http::string_body> &res)
-{
-    boost::system::error_code ec;
-    boost::json::value v = boost::json::parse(res.body(), ec);
-    if (!ec && v.is_object() && v.as_object().contains("error") &&
-        v.as_object().at("error").is_int64())
-        return static_cast<int>(v.as_object().at("error").as_int64());
-    return ember_proto::err_for_status(res.result_int());
-}
-
 } // namespace
-
-int send_peer(const std::string &addr, const std::string &body, const std::string &mac)
-{
-    std::string host;
-    uint16_t port;
-    if (!ember_proto::parse_address(addr.c_str(), host, port))
-        return ember_proto::err_inval;
-    asio::io_context io;
-    asio::ssl::context ctx(asio::ssl::context::tls_client);
-    boost::system::error_code ec;
-    ctx.set_default_verify_paths(ec);
-    ctx.set_verify_mode(asio::ssl::verify_peer);
-    beast::ssl_stream<tcp::socket> stream(io, ctx);
-    X509_VERIFY_PARAM *param = SSL_get0_param(stream.native_handle());
-    if (X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) != 1)
-        X509_VERIFY_PARAM_set1_host(param, host.c_str(), 0);
-    tcp::resolver resolver(io);
-    auto endpoints = resolver.resolve(host, std::to_string(port), ec);
-    if (!ec)
-        asio::connect(stream.next_layer(), endpoints, ec);
-    if (!ec)
-        stream.handshake(asio::ssl::stream_base::client, ec);
-    http::request<http::string_body> req{http::verb::post, ember_proto::op_peer_replica, 11};
-    req.set(http::field::host, host);
-    req.set(ember_proto::hdr_peer_mac, mac);
-    req.body() = body;
-    req.prepare_payload();
-    if (!ec)
-        http::write(stream, req, ec);
-    beast::flat_buffer buf;
-    http::response<http::string_body> res;
-    if (!ec)
-        http::read(stream, buf, res, ec);
-    bool failed = ec.failed();
-    stream.next_layer().close(ec);
-    return failed ? ember_proto::err_io : peer_answer(res);
-}
 
 void serve(server &srv, tcp::acceptor &acceptor)
 {

@@ -19,7 +19,4 @@ struct server {
 // Accepts connections for ever, one thread each.
 void serve(server &srv, boost::asio::ip::tcp::acceptor &acceptor);
 
-// Sends a peer request (see peer_sender); blocks.
-int send_peer(const std::string &addr, const std::string &body, const std::string &mac);
-
 } // namespace gwsim

@@ -3,12 +3,8 @@
 
 #include "mox/alloc.h"
 #include "mox/misc.h"
+#include "sync_client.h"
 
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -17,10 +13,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace http = beast::http;
 
 namespace ember_test
 {
@@ -126,26 +118,9 @@ void Sim::write(const std::string &path, const std::string &content) const
 
 std::string Sim::post(const std::string &op, const std::string &body) const
 {
-    asio::io_context io;
-    asio::ssl::context ctx(asio::ssl::context::tls_client);
-    ctx.load_verify_file(pki_file("ca.pem"));
-    ctx.set_verify_mode(asio::ssl::verify_peer);
-    beast::ssl_stream<beast::tcp_stream> stream(io, ctx);
-    boost::system::error_code ec;
-    beast::get_lowest_layer(stream).connect(
-        asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), port_), ec);
-    if (!ec)
-        stream.handshake(asio::ssl::stream_base::client, ec);
-    http::request<http::string_body> req{http::verb::post, op, 11};
-    req.body() = body;
-    req.prepare_payload();
-    if (!ec)
-        http::write(stream, req, ec);
-    beast::flat_buffer buf;
-    http::response<http::string_body> res;
-    if (!ec)
-        http::read(stream, buf, res, ec);
-    return ec ? std::string() : res.body();
+    unsigned status = 0;
+    std::string answer;
+    return gwsim::sync_post(addr(), op.c_str(), body, "", status, answer) ? answer : "";
 }
 
 void Sim::fault(const std::string &json) const
