@@ -50,9 +50,9 @@ int sys_err(const boost::system::error_code &ec)
 }
 
 // Starts an operation with a completion handler and suspends the calling
-// coroutine until it completes. Past the context deadline `cancel` runs,
-// the handler is still awaited (it references this frame) and the result
-// is -110.
+// coroutine until it completes. Past the context deadline (or once the
+// context is cancelled) `cancel` runs, the handler is still awaited (it
+// references this frame) and the result is -110 (or -125).
 template <class Start, class Cancel>
 int await_op(Start start, Cancel cancel, boost::system::error_code &ec)
 {
@@ -65,11 +65,13 @@ int await_op(Start start, Cancel cancel, boost::system::error_code &ec)
     });
     while (!done) {
         int32_t ms = 3600000;
-        if (mox_co_wait_timeout(&ms) == -ETIMEDOUT && !done) {
+        // A plain -110 is the end of this slice, not of the context.
+        int rc = mox_co_io_wait_cancelable(&ms);
+        if (rc != 0 && !done && (rc = mox_co_check_ctx()) != 0) {
             cancel();
             while (!done)
                 mox_co_park();
-            return -ETIMEDOUT;
+            return rc;
         }
     }
     return ec ? sys_err(ec) : 0;
@@ -201,7 +203,7 @@ int transport_request(ember_client *c, const char *target, const std::string &bo
     if (!t->ready && (rc = connect(c, t)) != 0)
         return rc;
     rc = exchange(c, t, target, body, status, answer);
-    if (rc != 0 && rc != -ETIMEDOUT) {
+    if (rc != 0 && rc != -ETIMEDOUT && rc != -ECANCELED) {
         t->stream.reset();
         t->ready = false;
         if (reused && (rc = connect(c, t)) == 0)
