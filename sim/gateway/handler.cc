@@ -102,8 +102,11 @@ response handle_request(state &st, const request &req)
         int rc = authorize(st, req, r, path, needed_bits(r, o));
         if (rc != 0)
             return answer(rc, {});
-        if (const fault *f = find_fault(st, req.target, req.body); f && f->error)
-            return answer(f->error, {});
+        int fault_error = req.fault_error;
+        if (fault f; !req.faults_taken && take_fault(st, req.target, req.body, f))
+            fault_error = f.error;
+        if (fault_error)
+            return answer(fault_error, {});
         json::object out;
         rc = r.fn(st, o, out);
         return answer(rc, rc == 0 ? std::move(out) : json::object{});
@@ -111,17 +114,22 @@ response handle_request(state &st, const request &req)
     return {404, json::serialize(json::object{{"error", p::err_inval}})};
 }
 
-const fault *find_fault(const state &st, const std::string &target, const std::string &body)
+bool take_fault(state &st, const std::string &target, const std::string &body, fault &out)
 {
     if (st.faults.empty())
-        return nullptr;
+        return false;
     boost::system::error_code ec;
     json::value v = json::parse(body, ec);
     std::string path = (!ec && v.is_object()) ? field(v.as_object(), "path") : "";
-    for (const fault &f : st.faults)
-        if (f.op == target && (f.path.empty() || f.path == path))
-            return &f;
-    return nullptr;
+    for (auto it = st.faults.begin(); it != st.faults.end(); ++it) {
+        if (it->op != target || (!it->path.empty() && it->path != path))
+            continue;
+        out = *it;
+        if (it->count > 0 && --it->count == 0)
+            st.faults.erase(it);
+        return true;
+    }
+    return false;
 }
 
 std::string field(const json::object &o, const char *key)

@@ -37,21 +37,21 @@ request to_request(const http::request<http::string_body> &in, bool cert_auth)
     return r;
 }
 
-// Applies a delay or drop fault; false when the connection must go.
-bool before_request(server &srv, const request &r)
+// Takes the request's fault and applies its delay; false when the
+// connection must be dropped instead.
+bool before_request(server &srv, request &r)
 {
-    uint32_t delay = 0;
-    bool drop = false;
+    fault f;
     {
         std::lock_guard<std::mutex> lock(srv.mu);
-        if (const fault *f = find_fault(srv.st, r.target, r.body)) {
-            delay = f->delay_ms;
-            drop = f->drop;
-        }
+        r.faults_taken = true;
+        if (!take_fault(srv.st, r.target, r.body, f))
+            return true;
     }
-    if (delay)
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-    return !drop;
+    r.fault_error = f.error;
+    if (f.delay_ms)
+        std::this_thread::sleep_for(std::chrono::milliseconds(f.delay_ms));
+    return !f.drop;
 }
 
 void session(server &srv, tcp::socket sock)

@@ -32,6 +32,7 @@ struct fault {
     int error = 0;
     uint32_t delay_ms = 0;
     bool drop = false;
+    int count = 0; // times it still applies; 0 for every time
 };
 
 // Sends a peer request to the gateway at `addr`: 0, the peer's error code
@@ -65,6 +66,8 @@ struct request {
     bool cert_auth = false; // the client presented a verified certificate
     std::string bearer;     // JWT, when given
     std::string peer_mac;
+    bool faults_taken = false; // the listener already took the matching fault
+    int fault_error = 0;       // and this is its error
 };
 
 struct response {
@@ -76,8 +79,9 @@ struct response {
 // and `st.send_peer`.
 response handle_request(state &st, const request &req);
 
-// The first fault that matches the request's target and body path.
-const fault *find_fault(const state &st, const std::string &target, const std::string &body);
+// Takes the first fault that matches the request's target and body path:
+// true and a copy in `out`; a fault with a count is used up once.
+bool take_fault(state &st, const std::string &target, const std::string &body, fault &out);
 
 // Verifies a compact JWS against the trusted keys, its expiry and audience
 // and fills `grants` (path, mask). 0 or a positive error code.

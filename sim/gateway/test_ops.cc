@@ -47,9 +47,13 @@ int op_test_fault(state &st, const json::object &o, json::object &)
         st.faults.clear();
         return 0;
     }
-    fault f{field(o, "op"), field(o, "path"), static_cast<int>(int_field(o, "error")),
-            static_cast<uint32_t>(int_field(o, "delay_ms")), int_field(o, "drop") != 0};
-    if (f.op.empty() || f.error < 0 || (!f.error && !f.delay_ms && !f.drop))
+    fault f{field(o, "op"),
+            field(o, "path"),
+            static_cast<int>(int_field(o, "error")),
+            static_cast<uint32_t>(int_field(o, "delay_ms")),
+            int_field(o, "drop") != 0,
+            static_cast<int>(int_field(o, "count"))};
+    if (f.op.empty() || f.error < 0 || f.count < 0 || (!f.error && !f.delay_ms && !f.drop))
         return p::err_inval;
     st.faults.push_back(f);
     return 0;

@@ -273,4 +273,26 @@ TEST(EmberClient, TransportFailuresAndFaults)
     });
 }
 
+// A kept-alive connection that the gateway closes is replaced once.
+TEST(EmberClient, ReconnectsOnceAfterTheGatewayClosed)
+{
+    Sim sim;
+    sim.mkdir("/acc");
+    sim.write("/acc/f");
+    run_in_coroutine([&] {
+        ember_client *c = cert_client(sim.addr(), "site-ec.pem");
+        char *s = nullptr;
+        ASSERT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
+        mox_free(s);
+        sim.fault(R"({"op":"/v1/file/state","drop":true,"count":1})");
+        EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
+        mox_free(s);
+        sim.fault(R"({"op":"/v1/file/state","drop":true,"count":2})");
+        EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), -ECONNRESET);
+        EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
+        mox_free(s);
+        ember_client_put(c);
+    });
+}
+
 } // namespace

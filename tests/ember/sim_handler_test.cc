@@ -143,6 +143,8 @@ TEST_F(SimHandler, FaultsMatchOperationAndPath)
     EXPECT_EQ(run(p::op_dir_stat, R"({"path":"/"})")["error"], 0);
     EXPECT_EQ(run(p::op_test_fault, R"({"op":"/v1/dir/stat"})")["error"], p::err_inval);
     EXPECT_EQ(run(p::op_test_fault, R"({"clear":true})")["error"], 0);
+    EXPECT_EQ(run(p::op_test_fault, R"({"op":"/v1/dir/stat","error":9,"count":1})")["error"], 0);
+    EXPECT_EQ(run(p::op_dir_stat, R"({"path":"/acc"})")["error"], p::err_notdir);
     EXPECT_EQ(run(p::op_dir_stat, R"({"path":"/acc"})")["error"], 0);
 }
 
