@@ -28,6 +28,15 @@ const std::string &pki()
         setenv("SSL_CERT_FILE", (d + "/ca.pem").c_str(), 1);
         return d;
     }();
+    static bool cleanup = [] {
+        // Private keys do not outlive the test run.
+        return atexit([] {
+                   std::string cmd = "rm -rf '" + dir + "'";
+                   if (system(cmd.c_str()) != 0)
+                       fprintf(stderr, "cannot remove %s\n", dir.c_str());
+               }) == 0;
+    }();
+    (void)cleanup;
     return dir;
 }
 
