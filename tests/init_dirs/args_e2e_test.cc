@@ -219,6 +219,12 @@ const GrammarCase kCases[] = {
      {}},
 };
 
+// Keeps the test names that CTest shows short.
+void PrintTo(const GrammarCase &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
 class Grammar : public DirsTest, public ::testing::WithParamInterface<GrammarCase>
 {
 };

@@ -270,4 +270,15 @@ TEST_F(Dirs, UpgradeFailureRemovesNothing)
     EXPECT_EQ(attrs_of(tree_path("conf.d/"))["replicas"], "2:1");
 }
 
+TEST_F(Dirs, SetAttrCreatesNothing)
+{
+    ASSERT_EQ(run_ctl({"init-dirs", "encoding=5+2/3"}).status, 0);
+    ASSERT_EQ(rmdir(tree_path("conf.d/").c_str()), 0);
+    auto r = run_ctl({"set-attr", "tier=1"});
+    ASSERT_EQ(r.status, 1);
+    EXPECT_TRUE(has(r.err, "failed to set 'tier=1' on '" + tree_path("conf.d/") + "': -30 ("));
+    EXPECT_FALSE(sb_.exists("r/conf.d"));
+    EXPECT_EQ(attrs_of(tree_path("certs/"))["tier"], "1");
+}
+
 } // namespace
