@@ -47,7 +47,7 @@ int main(int argc, char **argv)
     ember_test::Sim sim;
     sim.mkdir("/acc/big");
     for (long i = 0; i < entries; i++)
-        sim.write("/acc/big/f" + std::to_string(i), "");
+        sim.write(std::string("/acc/big/f") + std::to_string(i), "");
     tarn_test::run_in_coroutine([&] {
         ember_client *c = ember_test::cert_client(sim.addr(), "site-ec.pem");
         ember_set_trust_secret(c, "acc", 1, "secret");

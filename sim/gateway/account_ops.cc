@@ -106,7 +106,7 @@ int op_file_state(state &st, const json::object &o, json::object &out)
     replica_state r;
     if (auto it = st.replicas.find(path); it != st.replicas.end())
         r = it->second;
-    out["state"] = "replica.enabled = " + std::to_string(r.enabled) +
+    out["state"] = std::string("replica.enabled = ") + std::to_string(r.enabled) +
                    "\nreplica.is_master = " + std::to_string(r.is_master) +
                    "\nreplica.peer_uid = " + r.peer_uid + "\n";
     return 0;

@@ -96,7 +96,7 @@ response handle_request(state &st, const request &req)
     for (const route &r : routes) {
         if (req.target != r.target)
             continue;
-        std::string path = r.on == scope::account ? "/" + field(o, "account")
+        std::string path = r.on == scope::account ? std::string("/") + field(o, "account")
                            : r.on == scope::path  ? field(o, "path")
                                                   : "/";
         int rc = authorize(st, req, r, path, needed_bits(r, o));

@@ -110,7 +110,9 @@ void release_entry(ar_io_dir *, ar_io_dir_entry *)
 
 std::string child_path(const std::string &parent, const char *name)
 {
-    return parent == "/" ? "/" + std::string(name) : parent + "/" + name;
+    std::string path = parent == "/" ? std::string() : parent;
+    path.append("/").append(name);
+    return path;
 }
 
 int open_child(ar_io_dir *dir, const char *name, ar_io_dir **child, int flags)

@@ -85,6 +85,6 @@ extern "C" char *ember_jwt_generate(const ember_jwt_request *req)
     std::string sig;
     if (!sign(req->key, input, sig) || (type == EVP_PKEY_EC && !der_to_raw(sig)))
         return nullptr;
-    input += "." + ember_proto::base64url_encode(sig);
+    input.append(".").append(ember_proto::base64url_encode(sig));
     return mox_strdup(input.c_str());
 }
