@@ -29,9 +29,10 @@ extern int32_t encoding_x;
 extern attr_node attrs;
 } // namespace init_dirs_state
 
-// True when `s` begins with the whole of `prefix`.
+// True when `s` begins with the whole of `prefix`. Does not suspend.
 bool starts_with(const char *s, const char *prefix);
 // True when `type` is exactly "local", "azure", "google", "s3" or "swift".
+// Does not suspend.
 bool set_attr_supported(const char *type);
 // Appends `attr` at the tail of the attribute list, which takes ownership
 // (a block from the runtime's allocator). Never fails; does not suspend.
@@ -39,12 +40,13 @@ void add_attr(char *attr);
 // Parses "encoding=M+N/X" or "encoding=M+N" (integers as scanf's %i reads
 // them; trailing text ignored) into m, n and x (x = -1 for the short form).
 // 0, or -30 when the text is neither form or a number is negative or out of
-// range; on failure the outputs may hold partial results.
+// range; on failure the outputs may hold partial results. Does not suspend.
 int mox_parse_encoding_string(const char *str, int32_t *m, int32_t *n, int32_t *x);
 
 // Option parsers, called in the main thread before the loop starts with the
 // command word as argv[0]. They fill the module state; bad arguments end the
-// program with the usage text (status 255) or a fatal report.
+// program with the usage text (status 255) or a fatal report. Do not
+// suspend.
 void parse_opts_init_dirs(int argc, char **argv);
 void parse_opts_reshape_dirs(int argc, char **argv);
 void parse_opts_upgrade_dirs(int argc, char **argv);
