@@ -46,8 +46,11 @@ int main(int argc, char **argv)
     long entries = argc > 2 ? atol(argv[2]) : 100000;
     ember_test::Sim sim;
     sim.mkdir("/acc/big");
-    for (long i = 0; i < entries; i++)
-        sim.write(std::string("/acc/big/f") + std::to_string(i), "");
+    for (long i = 0; i < entries; i++) {
+        std::string name = "/acc/big/f";
+        name += std::to_string(i);
+        sim.write(name, "");
+    }
     tarn_test::run_in_coroutine([&] {
         ember_client *c = ember_test::cert_client(sim.addr(), "site-ec.pem");
         ember_set_trust_secret(c, "acc", 1, "secret");

@@ -106,9 +106,14 @@ int op_file_state(state &st, const json::object &o, json::object &out)
     replica_state r;
     if (auto it = st.replicas.find(path); it != st.replicas.end())
         r = it->second;
-    out["state"] = std::string("replica.enabled = ") + std::to_string(r.enabled) +
-                   "\nreplica.is_master = " + std::to_string(r.is_master) +
-                   "\nreplica.peer_uid = " + r.peer_uid + "\n";
+    std::string text = "replica.enabled = ";
+    text += std::to_string(r.enabled);
+    text += "\nreplica.is_master = ";
+    text += std::to_string(r.is_master);
+    text += "\nreplica.peer_uid = ";
+    text += r.peer_uid;
+    text += "\n";
+    out["state"] = text;
     return 0;
 }
 

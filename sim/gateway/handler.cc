@@ -96,9 +96,11 @@ response handle_request(state &st, const request &req)
     for (const route &r : routes) {
         if (req.target != r.target)
             continue;
-        std::string path = r.on == scope::account ? std::string("/") + field(o, "account")
-                           : r.on == scope::path  ? field(o, "path")
-                                                  : "/";
+        std::string path = "/";
+        if (r.on == scope::account)
+            path += field(o, "account");
+        else if (r.on == scope::path)
+            path = field(o, "path");
         int rc = authorize(st, req, r, path, needed_bits(r, o));
         if (rc != 0)
             return answer(rc, {});

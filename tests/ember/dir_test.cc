@@ -16,6 +16,14 @@ using tarn_test::run_in_coroutine;
 namespace
 {
 
+// `prefix` and the number.
+std::string numbered(const char *prefix, int i)
+{
+    std::string name = prefix;
+    name += std::to_string(i);
+    return name;
+}
+
 // Every entry of `dir` as "name:type" (d, f or l), in delivery order.
 int list(ar_io_dir *dir, std::vector<std::string> &out)
 {
@@ -76,7 +84,7 @@ TEST(EmberDir, ListingsCrossPageBoundaries)
     sim.mkdir("/acc");
     const int n = 2345; // two full pages and a part
     for (int i = 0; i < n; i++)
-        sim.write(std::string("/acc/f") + std::to_string(100000 + i), "");
+        sim.write(numbered("/acc/f", 100000 + i), "");
     run_in_coroutine([&] {
         ember_client *c = cert_client(sim.addr(), "site-ec.pem");
         ar_io_dir *d = nullptr;
@@ -86,7 +94,7 @@ TEST(EmberDir, ListingsCrossPageBoundaries)
             EXPECT_EQ(list(d, names), 0);
             ASSERT_EQ(names.size(), static_cast<size_t>(n));
             for (int i = 0; i < n; i++)
-                ASSERT_EQ(names[i], std::string("f") + std::to_string(100000 + i) + ":f");
+                ASSERT_EQ(names[i], numbered("f", 100000 + i) + ":f");
         }
         ar_io_dir_put(d);
         ember_client_put(c);
@@ -99,7 +107,7 @@ TEST(EmberDir, ErrorOnALaterPage)
     Sim sim;
     sim.mkdir("/acc");
     for (int i = 0; i < 1500; i++)
-        sim.write(std::string("/acc/f") + std::to_string(i), "");
+        sim.write(numbered("/acc/f", i), "");
     run_in_coroutine([&] {
         ember_client *c = cert_client(sim.addr(), "site-ec.pem");
         ar_io_dir *d = nullptr;

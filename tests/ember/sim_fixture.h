@@ -27,7 +27,12 @@ class Sim
     Sim(const Sim &) = delete;
     Sim &operator=(const Sim &) = delete;
 
-    std::string addr() const { return std::string("127.0.0.1:") + std::to_string(port_); }
+    std::string addr() const
+    {
+        std::string a = "127.0.0.1:";
+        a += std::to_string(port_);
+        return a;
+    }
     const std::string &data() const { return data_; }
     const std::string &uid() const { return uid_; }
     // Makes a directory or a file (with `content`) under the data directory.
