@@ -98,11 +98,9 @@ int op_pull_ondemand(state &st, const json::object &o, json::object &)
 
 int op_file_state(state &st, const json::object &o, json::object &out)
 {
-    std::string path = field(o, "path"), local;
-    if (!local_path(st, path, local))
-        return p::err_inval;
-    if (!is_regular(local))
-        return p::err_noent;
+    std::string path;
+    if (int rc = file_of(st, o, path); rc != 0)
+        return rc;
     replica_state r;
     if (auto it = st.replicas.find(path); it != st.replicas.end())
         r = it->second;
@@ -119,11 +117,9 @@ int op_file_state(state &st, const json::object &o, json::object &out)
 
 int op_file_open(state &st, const json::object &o, json::object &out)
 {
-    std::string path = field(o, "path"), local;
-    if (!local_path(st, path, local))
-        return p::err_inval;
-    if (!is_regular(local))
-        return p::err_noent;
+    std::string path;
+    if (int rc = file_of(st, o, path); rc != 0)
+        return rc;
     std::string handle = std::to_string(st.next_id++);
     st.open_files[handle] = path;
     out["handle"] = handle;

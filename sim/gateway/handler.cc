@@ -176,6 +176,15 @@ std::string account_of(const std::string &path)
     return path.substr(1, end == std::string::npos ? std::string::npos : end - 1);
 }
 
+int file_of(const state &st, const json::object &o, std::string &path)
+{
+    std::string local;
+    path = field(o, "path");
+    if (!local_path(st, path, local))
+        return p::err_inval;
+    return is_regular(local) ? 0 : p::err_noent;
+}
+
 bool is_regular(const std::string &local)
 {
     struct stat sb;

@@ -19,6 +19,8 @@ bool local_path(const state &st, const std::string &path, std::string &out);
 // The account of a path: its first component.
 std::string account_of(const std::string &path);
 bool is_regular(const std::string &local);
+// The request's "path", which must name a regular file: 0, 30 or 8.
+int file_of(const state &st, const boost::json::object &o, std::string &path);
 
 int op_secret_get(state &, const boost::json::object &, boost::json::object &);
 int op_secret_set(state &, const boost::json::object &, boost::json::object &);

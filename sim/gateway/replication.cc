@@ -59,16 +59,6 @@ int tell_peer(state &st, const std::string &addr, const std::string &action,
     return st.send_peer(addr, text, peer_mac(acc->second[p::secret_kind_replication], text));
 }
 
-// The file `path` of the request, which must be a regular file here.
-int file_of(state &st, const json::object &o, std::string &path)
-{
-    std::string local;
-    path = field(o, "path");
-    if (!local_path(st, path, local))
-        return p::err_inval;
-    return is_regular(local) ? 0 : p::err_noent;
-}
-
 } // namespace
 
 int op_repl_enable(state &st, const json::object &o, json::object &)
