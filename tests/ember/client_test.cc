@@ -69,7 +69,8 @@ TEST(EmberClient, TrustSecretsPullAndOndemand)
     sim.mkdir("/acc");
     run_in_coroutine([&] {
         ember_client *c = cert_client(sim.addr(), "site-ec.pem");
-        ember_client_set_ident(c, "TARN migration tool", 0, 0, 1);
+        EXPECT_EQ(ember_client_set_ident(c, "TARN migration tool", 0, 0, 1), 0);
+        EXPECT_EQ(ember_client_set_allowed_protos(c, 2), 0); // TLS 1.3 only
         char *s = nullptr;
         EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), -MOX_ENOENT);
         EXPECT_EQ(s, nullptr);
@@ -103,6 +104,7 @@ TEST(EmberClient, FileStateOpenAndNotFound)
     sim.write("/acc/f");
     run_in_coroutine([&] {
         ember_client *c = cert_client(sim.addr(), "site-rsa.pem");
+        EXPECT_EQ(ember_client_set_allowed_protos(c, 1), 0); // TLS 1.2 only
         char *state = nullptr;
         EXPECT_EQ(ember_file_get_state(c, "/acc/f", &state), 0);
         mox_config *cfg = mox_read_config_mem(state);
