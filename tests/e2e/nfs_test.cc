@@ -276,6 +276,13 @@ TEST_F(Nfs, UmountWithNothingMountedDoesNothing)
     EXPECT_EQ(r.err, "");
 }
 
+TEST_F(Nfs, UmountDoesNotCheckTheAlphabet)
+{
+    auto r = nfs({"--umount"}, {{"root_dir", root_ + "/a b"}});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(sim_->calls("umount").empty());
+}
+
 TEST_F(Nfs, UmountThenLeftoverArgument)
 {
     sim_->add_mount("srv:/exp", mnt_, "nfs4");
