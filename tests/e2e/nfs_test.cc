@@ -93,6 +93,12 @@ class Nfs : public ::testing::Test
                "' | /usr/bin/wc -l | /bin/grep '^1$' >/dev/null";
     }
 
+    std::string not_mounted_once() const
+    {
+        return "> $root_dir/storage is not mounted, or mounted multiple times: \"" + once_test() +
+               "\" exited with error 1";
+    }
+
     std::string param_test(const std::string &type_pattern) const
     {
         return "/bin/cat /proc/mounts | /bin/grep '^srv:/\\?/exp " + mnt_ + " " + type_pattern +
@@ -184,9 +190,7 @@ TEST_F(Nfs, MountPointListedTwiceFailsTheOnceTest)
     sim_->add_mount("srv:/exp", mnt_, "nfs4");
     auto r = nfs({"--mount"});
     EXPECT_EQ(r.status, 122);
-    EXPECT_TRUE(logged_error(r.err, "> $root_dir/storage is not mounted, or mounted multiple "
-                                    "times: \"" +
-                                        once_test() + "\" exited with error 1"));
+    EXPECT_TRUE(logged_error(r.err, not_mounted_once()));
     EXPECT_TRUE(sim_->calls("bundlectl").empty());
 }
 
@@ -195,7 +199,9 @@ TEST_F(Nfs, LongerMountPointCountsAsSecondMount)
     // The test matches the mount point as a plain substring.
     sim_->add_mount("srv:/exp", mnt_, "nfs4");
     sim_->add_mount("srv:/other", mnt_ + "2", "nfs4");
-    EXPECT_EQ(nfs({"--df"}).status, 122);
+    auto r = nfs({"--df"});
+    EXPECT_EQ(r.status, 122);
+    EXPECT_TRUE(logged_error(r.err, not_mounted_once()));
 }
 
 struct ParamCase {
@@ -317,9 +323,7 @@ TEST_F(Nfs, DfWithoutMountDoesNotRunDf)
 {
     auto r = nfs({"--df"});
     EXPECT_EQ(r.status, 122);
-    EXPECT_TRUE(logged_error(r.err, "> $root_dir/storage is not mounted, or mounted multiple "
-                                    "times: \"" +
-                                        once_test() + "\" exited with error 1"));
+    EXPECT_TRUE(logged_error(r.err, not_mounted_once()));
     EXPECT_TRUE(sim_->calls("df").empty());
 }
 
