@@ -8,6 +8,8 @@
 #include <boost/context/protected_fixedsize_stack.hpp>
 #include <cstdarg>
 #include <cstdio>
+#include <pthread.h>
+#include <system_error>
 
 #if defined(MOX_ASAN)
 #include <sanitizer/common_interface_defs.h>
@@ -201,6 +203,10 @@ void resume(mox_co *co)
     if (next == CoNext::ToWorker) {
         mox_worker *w = co->target_worker;
         std::lock_guard<std::mutex> lock(w->mu);
+        // Started on first use: most runs never block, and a thread that
+        // is never started costs nothing at start or exit.
+        if (!w->thread.joinable())
+            start_worker(co->proc, w);
         w->queue.push_back(co);
         w->cv.notify_one();
     } else if (next == CoNext::ToLoop) {
@@ -228,6 +234,16 @@ void suspend(mox_co *co)
 #endif
     co->caller = std::move(co->caller).resume();
     switch_finish(fake, &co->from_bottom, &co->from_size);
+}
+
+void start_worker(mox_process *proc, mox_worker *w)
+{
+    try {
+        w->thread = std::thread(worker_main, proc, w);
+    } catch (const std::system_error &) {
+        mox_fatal("can't start the worker thread");
+    }
+    pthread_setname_np(w->thread.native_handle(), "worker");
 }
 
 void worker_main(mox_process *proc, mox_worker *w)

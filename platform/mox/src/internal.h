@@ -113,6 +113,8 @@ void resume(mox_co *co);
 void schedule(mox_co *co);
 // The calling coroutine gives the thread back to its scheduler.
 void suspend(mox_co *co);
+// Starts the worker thread; called with the worker's lock held.
+void start_worker(mox_process *proc, mox_worker *w);
 // Worker thread body.
 void worker_main(mox_process *proc, mox_worker *w);
 // Blocks the signals that mox_signal_block recorded, for a new thread.

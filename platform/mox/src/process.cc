@@ -157,8 +157,6 @@ int mox_process_start(mox_process *proc, const char *name)
     pi->loop_name = std::string(name).substr(0, 15); // the kernel's limit
     try {
         watch_signals(pi);
-        pi->worker.thread = std::thread(mox_detail::worker_main, proc, &pi->worker);
-        pthread_setname_np(pi->worker.thread.native_handle(), "worker");
         pi->loop_thread = std::thread(loop_main, proc, pi);
     } catch (const std::system_error &e) {
         return -e.code().value();

@@ -32,7 +32,8 @@ struct mox_job {
 void mox_process_init(mox_process *proc);
 /* Frees what the runtime holds for a process that has been waited for. */
 void mox_process_fini(mox_process *proc);
-/* Starts the event loop thread (named `name`) and the worker thread.
+/* Starts the event loop thread (named `name`); the worker thread starts
+ * when a coroutine first migrates to it.
  * 0, or a negative code when a thread cannot be started. */
 int mox_process_start(mox_process *proc, const char *name);
 /* Returns after mox_process_terminate has stopped the loop and both threads
