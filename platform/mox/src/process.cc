@@ -169,11 +169,8 @@ void mox_process_wait(mox_process *proc)
     auto *pi = mox_detail::impl(proc);
     if (pi->loop_thread.joinable())
         pi->loop_thread.join();
-    {
-        std::lock_guard<std::mutex> lock(pi->worker.mu);
-        pi->worker.stop = true;
-    }
-    pi->worker.cv.notify_all();
+    // The loop thread told the worker to stop on its way out, and only the
+    // loop starts the worker, so there is nothing left but to join it.
     if (pi->worker.thread.joinable())
         pi->worker.thread.join();
 }
