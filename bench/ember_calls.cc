@@ -6,7 +6,7 @@
 #include "ember/ar_io.h"
 #include "ember/ember.h"
 #include "mox/mox.h"
-#include "sim_fixture.h"
+#include "gateway_sim.h"
 
 #include <chrono>
 #include <cstdio>

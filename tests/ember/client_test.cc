@@ -3,7 +3,7 @@
 #include "ember/ember.h"
 #include "ember/protocol.hpp"
 #include "mox/mox.h"
-#include "sim_fixture.h"
+#include "gateway_sim.h"
 
 #include <cerrno>
 #include <fstream>

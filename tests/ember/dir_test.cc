@@ -2,7 +2,7 @@
 #include "co_runner.h"
 #include "ember/ar_io.h"
 #include "mox/mox.h"
-#include "sim_fixture.h"
+#include "gateway_sim.h"
 
 #include <gtest/gtest.h>
 #include <string>

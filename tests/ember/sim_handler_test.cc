@@ -1,7 +1,7 @@
 // The simulator's request handler, driven directly without a network.
 #include "ember/protocol.hpp"
 #include "mox/misc.h"
-#include "sim_fixture.h"
+#include "gateway_sim.h"
 #include "state.h"
 
 #include <boost/json.hpp>

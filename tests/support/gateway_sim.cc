@@ -1,5 +1,5 @@
 // Test PKI and simulator processes.
-#include "sim_fixture.h"
+#include "gateway_sim.h"
 
 #include "mox/alloc.h"
 #include "mox/misc.h"
@@ -19,24 +19,27 @@ namespace ember_test
 
 const std::string &pki()
 {
+    // CTest makes one PKI per run (the test_pki fixture) and names it in
+    // TARN_TEST_PKI; a binary run by hand makes its own and removes it.
     static std::string dir = [] {
-        char tmpl[] = "/tmp/ember-pki-XXXXXX";
+        const char *given = getenv("TARN_TEST_PKI");
+        struct stat sb;
+        if (given && stat((std::string(given) + "/ca.pem").c_str(), &sb) == 0)
+            return std::string(given);
+        char tmpl[] = "/tmp/tarn-pki-XXXXXX";
         std::string d = mkdtemp(tmpl);
-        std::string cmd = std::string(EMBER_MAKE_PKI) + " " + d;
+        std::string cmd = std::string(TARN_MAKE_PKI) + " " + d;
         if (system(cmd.c_str()) != 0)
             abort();
-        setenv("SSL_CERT_FILE", (d + "/ca.pem").c_str(), 1);
+        atexit([] {
+            std::string rm = "rm -rf '" + dir + "'";
+            if (system(rm.c_str()) != 0)
+                fprintf(stderr, "cannot remove %s\n", dir.c_str());
+        });
         return d;
     }();
-    static bool cleanup = [] {
-        // Private keys do not outlive the test run.
-        return atexit([] {
-                   std::string cmd = "rm -rf '" + dir + "'";
-                   if (system(cmd.c_str()) != 0)
-                       fprintf(stderr, "cannot remove %s\n", dir.c_str());
-               }) == 0;
-    }();
-    (void)cleanup;
+    static bool ca_set = setenv("SSL_CERT_FILE", (dir + "/ca.pem").c_str(), 1) == 0;
+    (void)ca_set;
     return dir;
 }
 
@@ -66,7 +69,7 @@ Sim::Sim(const std::string &uid, const std::vector<std::string> &extra, const st
 {
     char tmpl[] = "/tmp/ember-sim-XXXXXX";
     data_ = mkdtemp(tmpl);
-    std::vector<std::string> args = {EMBER_SIM_PATH,
+    std::vector<std::string> args = {TARN_GATEWAY_SIM,
                                      "--listen",
                                      "127.0.0.1:0",
                                      "--cert",

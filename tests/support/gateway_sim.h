@@ -1,4 +1,4 @@
-// A test PKI made once per test binary, and gateway simulators run as real
+// A test PKI (one per CTest run), and gateway simulators run as real
 // processes on loopback.
 #pragma once
 
