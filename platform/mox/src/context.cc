@@ -37,6 +37,8 @@ mox_context *mox_context_alloc_child(mox_context *parent)
 
 mox_context *mox_context_get(mox_context *ctx)
 {
+    if (ctx == nullptr)
+        return nullptr; // a coroutine without a context hands out none
     ctx->refs.fetch_add(1, std::memory_order_relaxed);
     return ctx;
 }

@@ -62,6 +62,7 @@ void mox_co_wakeup(mox_co *co);
  * cancels its children. */
 mox_context *mox_context_alloc(void);
 mox_context *mox_context_alloc_child(mox_context *parent);
+/* Adds a reference and returns `ctx`; null (no context) gives null. */
 mox_context *mox_context_get(mox_context *ctx);
 void mox_context_put(mox_context *ctx);
 const char *mox_context_get_id(const mox_context *ctx);
