@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -119,8 +120,9 @@ Sim::~Sim()
 
 void Sim::mkdir(const std::string &path) const
 {
-    std::string cmd = "mkdir -p '" + data_ + path + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
+    std::error_code ec;
+    std::filesystem::create_directories(data_ + path, ec);
+    ASSERT_FALSE(ec) << data_ + path << ": " << ec.message();
 }
 
 void Sim::write(const std::string &path, const std::string &content) const
