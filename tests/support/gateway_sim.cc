@@ -18,26 +18,38 @@
 namespace ember_test
 {
 
+namespace
+{
+
+// A PKI this process made, removed when the process ends: private keys do
+// not outlive the run.
+struct OwnPki {
+    std::string dir;
+    ~OwnPki()
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
+    }
+};
+
+} // namespace
+
 const std::string &pki()
 {
     // CTest makes one PKI per run (the test_pki fixture) and names it in
-    // TARN_TEST_PKI; a binary run by hand makes its own and removes it.
+    // TARN_TEST_PKI; a binary run by hand makes its own.
+    static OwnPki own;
     static std::string dir = [] {
         const char *given = getenv("TARN_TEST_PKI");
         struct stat sb;
         if (given && stat((std::string(given) + "/ca.pem").c_str(), &sb) == 0)
             return std::string(given);
         char tmpl[] = "/tmp/tarn-pki-XXXXXX";
-        std::string d = mkdtemp(tmpl);
-        std::string cmd = std::string(TARN_MAKE_PKI) + " " + d;
+        own.dir = mkdtemp(tmpl);
+        std::string cmd = std::string(TARN_MAKE_PKI) + " " + own.dir;
         if (system(cmd.c_str()) != 0)
             abort();
-        atexit([] {
-            std::string rm = "rm -rf '" + dir + "'";
-            if (system(rm.c_str()) != 0)
-                fprintf(stderr, "cannot remove %s\n", dir.c_str());
-        });
-        return d;
+        return own.dir;
     }();
     static bool ca_set = setenv("SSL_CERT_FILE", (dir + "/ca.pem").c_str(), 1) == 0;
     (void)ca_set;
