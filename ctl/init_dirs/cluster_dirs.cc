@@ -81,8 +81,10 @@ int set_redundancy(const dir_entry &d, const char *flag, int32_t m, int32_t n, i
                      mox_asprintf("quillon -A -q set-attr %s mds-storage=0 2>/dev/null", d.path)) &&
              run_set(d.path, mox_asprintf("quillon -A -q set-attr %s map-type=PLAIN 2>/dev/null",
                                           d.path)) &&
-             run_set(d.path, mox_asprintf("quillon -q set-attr %s %s replicas=%d:%d 2>/dev/null",
-                                          flag, d.path, n + 1, n == 0 ? 1 : n));
+             // N + 1 in 64 bits: the parser accepts any N up to INT32_MAX.
+             run_set(d.path, mox_asprintf("quillon -q set-attr %s %s replicas=%lld:%d 2>/dev/null",
+                                          flag, d.path, static_cast<long long>(n) + 1,
+                                          n == 0 ? 1 : n));
     }
     mox_co_migrate_from_thread(back);
     if (ok && !d.encoded && nfs) {

@@ -85,6 +85,14 @@ TEST_F(Dirs, InitWithFullEncodingOnLocalStorage)
     EXPECT_TRUE(has(r.err, "quillon -A -q set-attr  " + var + " failure-domain=host\n"));
 }
 
+// The replica count is N + 1 for every N the encoding parser accepts.
+TEST_F(Dirs, LargestReplicaCountDoesNotOverflow)
+{
+    auto r = run_ctl({"init-dirs", "encoding=1+2147483647"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(attrs_of(tree_path("var/"))["replicas"], "2147483648:2147483647");
+}
+
 TEST_F(Dirs, InitWithShortEncodingAcceptsExistingDirectories)
 {
     sb_.mkdir("r/var", 0755);
