@@ -20,6 +20,9 @@ FILE *open_or_die(const char *path, const char *mode)
     FILE *f = fopen(path, mode);
     if (f == nullptr)
         mox_fatal("Can't open '%s': %s", path, strerror(errno));
+    // Unbuffered, each formatted write is one write(2), so a full disk fails
+    // the write that is checked instead of the close that is not.
+    setvbuf(f, nullptr, _IONBF, 0);
     return f;
 }
 

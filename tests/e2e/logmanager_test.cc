@@ -108,6 +108,35 @@ TEST_F(EnableLogmanager, MissingLogmanagerDirectoryFailsAfterTheEdits)
               std::string("root_dir = /srv\n#log.level = 1\n") + kAppended);
 }
 
+// A full file system fails the checked write, for either file. Each row
+// fills a small tmpfs (the configuration's directory, or the log manager's)
+// in the namespace; the configuration fills its first page exactly, so an
+// append needs a page that is not there.
+TEST_F(EnableLogmanager, FullDiskIsReportedNotIgnored)
+{
+    sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv\n");
+    std::string full = sb_.mkdir("full");
+    const std::string fill = "dd if=/dev/zero of=\"$D/fill\" bs=4096 2>/dev/null || :; ";
+    struct {
+        std::string dir, config, failing;
+    } cases[] = {
+        {full, full + "/tarn.config", full + "/tarn.config"},
+        {"/etc/logmanager.d", "/etc/quillon/tarn.config", "/etc/logmanager.d/tarn.conf"},
+    };
+    for (const auto &c : cases) {
+        std::string script = "set -e; D='" + c.dir + "'; mount -t tmpfs -o size=64k tmpfs \"$D\"; " +
+                             "if [ \"$D\" != /etc/logmanager.d ]; then head -c 4095 /dev/zero | "
+                             "tr '\\0' '#' >\"$D/tarn.config\"; echo >>\"$D/tarn.config\"; fi; " +
+                             fill + "exec '" + tarn_test::tool_path() + "' -c '" + c.config +
+                             "' enable-logmanager";
+        auto r = tarn_test::run({"sh", "-c", script}, opts());
+        EXPECT_EQ(r.status, 1) << c.failing << ": " << r.err;
+        EXPECT_NE(r.err.find(" E Can't write to '" + c.failing + "': No space left on device\n"),
+                  std::string::npos)
+            << r.err;
+    }
+}
+
 TEST_F(EnableLogmanager, UnwritableConfigIsReported)
 {
     sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv\n");
