@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "mox/mox.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -61,9 +62,10 @@ void config_parse(const char *command_word)
     config = mox_create_config();
     if (config == nullptr)
         mox_err("allocation failed", "tarn-ctl", __LINE__, "config_parse");
-    FILE *f = fopen(config_path, "re");
-    if (f != nullptr) {
-        int rc = mox_parse_config_file(config, f);
+    FILE *f = nullptr;
+    int rc = mox_config_fopen(config_path, &f);
+    if (rc == 0) {
+        rc = mox_parse_config_file(config, f);
         fclose(f);
         if (rc == 0)
             return;
@@ -73,6 +75,11 @@ void config_parse(const char *command_word)
     // Replication may run against remote sites only, without a local gateway.
     if (strcmp(command_word, "replication") == 0)
         return;
+    if (rc == -EINVAL)
+        mox_fatal("Failed to open or parse config file '%s': not a regular file", config_path);
+    if (rc == -EFBIG)
+        mox_fatal("Failed to open or parse config file '%s': larger than %d MiB", config_path,
+                  MOX_CONFIG_MAX_BYTES >> 20);
     mox_fatal("Failed to open or parse config file '%s'", config_path);
 }
 

@@ -4,6 +4,8 @@
 
 #include <cctype>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using tarn_test::run_tool;
 using tarn_test::Sandbox;
@@ -99,6 +101,77 @@ TEST(Frame, BadConfigurationFailsBeforeTheCommandWordIsChecked)
             << r.err;
         EXPECT_EQ(r.err.find("Unknown command"), std::string::npos);
     }
+}
+
+// A configuration that would never end (a device), never come (a FIFO with
+// no writer) or is beyond the size limit is refused at once, with the
+// reason; replication goes on without one.
+TEST(Frame, ConfigurationMustBeABoundedRegularFile)
+{
+    Sandbox sb;
+    std::string fifo = sb.path("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::string big = sb.write_file("big.config", "");
+    ASSERT_EQ(truncate(big.c_str(), (16 << 20) + 1), 0);
+    const std::pair<std::string, std::string> cases[] = {
+        {"/dev/zero", "not a regular file"},
+        {fifo, "not a regular file"},
+        {sb.dir(), "not a regular file"},
+        {big, "larger than 16 MiB"},
+    };
+    tarn_test::RunOptions quick;
+    quick.timeout_ms = 5000;
+    for (const auto &[path, reason] : cases) {
+        auto r = run_tool({"-c", path, "enable-logmanager"}, quick);
+        EXPECT_EQ(r.status, 1) << path;
+        EXPECT_NE(
+            r.err.find(" E Failed to open or parse config file '" + path + "': " + reason + "\n"),
+            std::string::npos)
+            << r.err;
+        r = run_tool({"-c", path, "replication"}, quick);
+        EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+    }
+}
+
+// Out of memory ends through the runtime's report (status 134, a source
+// location), never through an exception that escapes to std::terminate.
+TEST(Frame, OutOfMemoryEndsThroughTheRuntimesReport)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's own allocator needs the address space this test takes away";
+#else
+    if (tarn_test::run({"strace", "-qq", "-o", "/dev/null", "true"}).status != 0)
+        GTEST_SKIP() << "strace is missing or may not trace here";
+    Sandbox sb;
+    std::string conf = sb.write_config("tarn.config", {{"root_dir", sb.dir()}});
+    bool stack_failed = false;
+    // The n-th mmap of each thread fails: sooner or later the coroutine's
+    // stack (the loader's own failures end before main and are not ours).
+    for (int n = 1; n <= 30 && !stack_failed; n++) {
+        auto r = tarn_test::run({"strace", "-f", "-qq", "-o", "/dev/null", "-e",
+                                 "inject=mmap:error=ENOMEM:when=" + std::to_string(n),
+                                 tarn_test::tool_path(), "-c", conf, "nfs"});
+        EXPECT_EQ(r.err.find("terminate called"), std::string::npos) << n << ": " << r.err;
+        stack_failed =
+            r.err.find(" E out of memory for a coroutine stack at ") != std::string::npos;
+        if (stack_failed) {
+            EXPECT_EQ(r.status, 134) << r.err;
+        }
+    }
+    EXPECT_TRUE(stack_failed) << "no run failed to map the coroutine stack";
+
+    // The configuration's strings under a small address-space limit.
+    std::string big;
+    for (int i = 0; big.size() < (12u << 20); i++)
+        big += "key" + std::to_string(i) + " = " + std::string(100, 'v') + "\n";
+    std::string path = sb.write_file("big.config", big);
+    auto r = tarn_test::run({"sh", "-c",
+                             "ulimit -v 30000; exec '" + tarn_test::tool_path() + "' -c '" + path +
+                                 "' enable-logmanager"});
+    EXPECT_EQ(r.status, 134) << r.err;
+    EXPECT_NE(r.err.find(" E out of memory at "), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("terminate called"), std::string::npos) << r.err;
+#endif
 }
 
 TEST(Frame, GlobalOptionsStopAtTheCommandWord)

@@ -124,11 +124,11 @@ TEST_F(EnableLogmanager, FullDiskIsReportedNotIgnored)
         {"/etc/logmanager.d", "/etc/quillon/tarn.config", "/etc/logmanager.d/tarn.conf"},
     };
     for (const auto &c : cases) {
-        std::string script = "set -e; D='" + c.dir + "'; mount -t tmpfs -o size=64k tmpfs \"$D\"; " +
-                             "if [ \"$D\" != /etc/logmanager.d ]; then head -c 4095 /dev/zero | "
-                             "tr '\\0' '#' >\"$D/tarn.config\"; echo >>\"$D/tarn.config\"; fi; " +
-                             fill + "exec '" + tarn_test::tool_path() + "' -c '" + c.config +
-                             "' enable-logmanager";
+        std::string script =
+            "set -e; D='" + c.dir + "'; mount -t tmpfs -o size=64k tmpfs \"$D\"; " +
+            "if [ \"$D\" != /etc/logmanager.d ]; then head -c 4095 /dev/zero | "
+            "tr '\\0' '#' >\"$D/tarn.config\"; echo >>\"$D/tarn.config\"; fi; " +
+            fill + "exec '" + tarn_test::tool_path() + "' -c '" + c.config + "' enable-logmanager";
         auto r = tarn_test::run({"sh", "-c", script}, opts());
         EXPECT_EQ(r.status, 1) << c.failing << ": " << r.err;
         EXPECT_NE(r.err.find(" E Can't write to '" + c.failing + "': No space left on device\n"),

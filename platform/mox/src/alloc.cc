@@ -2,6 +2,7 @@
 // call site, so live blocks can be counted per site.
 #include "mox/alloc.h"
 
+#include "internal.h"
 #include "mox/log.h"
 
 #include <atomic>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <unistd.h>
 
 namespace
@@ -87,6 +89,7 @@ extern "C" {
 
 void mox_malloc_debug_enable(void)
 {
+    mox_detail::install_oom_handler();
     if (g_enabled.exchange(true))
         return;
     const char *env = getenv("MOX_MALLOC_REPORT");
@@ -160,3 +163,16 @@ size_t mox_malloc_debug_report(int fd)
 }
 
 } // extern "C"
+
+namespace mox_detail
+{
+
+// Memory the runtime or a command gets through operator new (strings, maps,
+// coroutine records) ends like the runtime's own allocator: a report with a
+// source location, never an exception that escapes to std::terminate.
+void install_oom_handler()
+{
+    std::set_new_handler([] { mox_err("out of memory", __FILE__, __LINE__, "operator new"); });
+}
+
+} // namespace mox_detail

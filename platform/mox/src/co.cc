@@ -8,6 +8,7 @@
 #include <boost/context/protected_fixedsize_stack.hpp>
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 #include <pthread.h>
 #include <system_error>
 
@@ -67,6 +68,10 @@ struct RecordingStack {
         ctx::protected_fixedsize_stack(kStackSize).deallocate(sc);
     }
 };
+
+// The coroutine's fiber with its own stack; throws std::bad_alloc when the
+// stack cannot be mapped.
+ctx::fiber make_fiber(mox_co *co);
 
 const void *stack_bottom(const mox_co *co)
 {
@@ -306,7 +311,28 @@ mox_co *mox_co_create(mox_context *context, mox_co_fn fn, void *arg)
 #if defined(MOX_TSAN)
     co->tsan_fiber = __tsan_create_fiber(0);
 #endif
-    co->self = ctx::fiber(std::allocator_arg, RecordingStack{co}, [co](ctx::fiber &&from) {
+    try {
+        co->self = make_fiber(co);
+    } catch (const std::bad_alloc &) {
+        // No address space for the stack (mmap failed).
+        mox_err("out of memory for a coroutine stack", __FILE__, __LINE__, __func__);
+    }
+    {
+        std::lock_guard<std::mutex> lock(pi->co_mu);
+        pi->coroutines.push_back(std::move(owned));
+    }
+    mox_detail::schedule(co);
+    return co;
+}
+
+} // extern "C"
+
+namespace
+{
+
+ctx::fiber make_fiber(mox_co *co)
+{
+    return ctx::fiber(std::allocator_arg, RecordingStack{co}, [co](ctx::fiber &&from) {
         switch_finish(nullptr, &co->from_bottom, &co->from_size);
         co->caller = std::move(from);
         co->fn(co, co->arg);
@@ -317,13 +343,11 @@ mox_co *mox_co_create(mox_context *context, mox_co_fn fn, void *arg)
 #endif
         return std::move(co->caller);
     });
-    {
-        std::lock_guard<std::mutex> lock(pi->co_mu);
-        pi->coroutines.push_back(std::move(owned));
-    }
-    mox_detail::schedule(co);
-    return co;
 }
+
+} // namespace
+
+extern "C" {
 
 void mox_co_set_name(mox_co *co, const char *fmt, ...)
 {

@@ -8,7 +8,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <limits>
 #include <map>
 #include <memory>
@@ -16,7 +18,9 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <type_traits>
+#include <unistd.h>
 #include <vector>
 
 struct mox_config {
@@ -68,40 +72,48 @@ std::string_view trim(std::string_view s)
     return s;
 }
 
-// Splits `text` into pairs; false at the first line that is neither a pair,
-// a comment nor blank.
-bool parse_text(std::string_view text, std::vector<std::pair<std::string, std::string>> &out)
+using pair_list = std::vector<std::pair<std::string, std::string>>;
+
+// Adds the pair of one line (without its newline) to `out`; false when the
+// line is neither a pair, a comment nor blank.
+bool parse_line(std::string_view line, pair_list &out)
 {
-    if (text.find('\0') != std::string_view::npos)
+    if (line.find('\0') != std::string_view::npos)
         return false;
-    while (!text.empty()) {
-        size_t nl = text.find('\n');
-        std::string_view line = text.substr(0, nl);
-        text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
-        std::string_view rest = trim(line);
-        if (rest.empty() || rest.front() == '#')
-            continue;
-        size_t k = 0;
-        while (k < rest.size() && is_key_char(rest[k]))
-            ++k;
-        if (k == 0)
-            return false;
-        std::string_view key = rest.substr(0, k);
-        std::string_view after = trim(rest.substr(k));
-        if (after.empty() || after.front() != '=')
-            return false;
-        out.emplace_back(std::string(key), std::string(trim(after.substr(1))));
-    }
+    std::string_view rest = trim(line);
+    if (rest.empty() || rest.front() == '#')
+        return true;
+    size_t k = 0;
+    while (k < rest.size() && is_key_char(rest[k]))
+        ++k;
+    if (k == 0)
+        return false;
+    std::string_view key = rest.substr(0, k);
+    std::string_view after = trim(rest.substr(k));
+    if (after.empty() || after.front() != '=')
+        return false;
+    out.emplace_back(std::string(key), std::string(trim(after.substr(1))));
     return true;
+}
+
+void commit(mox_config *cfg, pair_list &pairs)
+{
+    for (auto &p : pairs)
+        cfg->pairs.insert_or_assign(std::move(p.first), std::move(p.second));
 }
 
 bool parse_into(mox_config *cfg, std::string_view text)
 {
-    std::vector<std::pair<std::string, std::string>> pairs;
-    if (!parse_text(text, pairs))
+    pair_list pairs;
+    if (text.find('\0') != std::string_view::npos)
         return false;
-    for (auto &p : pairs)
-        cfg->pairs.insert_or_assign(std::move(p.first), std::move(p.second));
+    while (!text.empty()) {
+        size_t nl = text.find('\n');
+        if (!parse_line(text.substr(0, nl), pairs))
+            return false;
+        text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
+    }
+    commit(cfg, pairs);
     return true;
 }
 
@@ -272,20 +284,54 @@ void mox_free_config(mox_config *cfg)
 
 int mox_parse_config_file(mox_config *cfg, FILE *file)
 {
-    std::string text;
-    char buf[8192];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, file)) > 0)
-        text.append(buf, n);
-    if (ferror(file))
+    // Line by line, so the text is held once: as the pairs it holds.
+    pair_list pairs;
+    char *line = nullptr;
+    size_t cap = 0;
+    ssize_t n;
+    bool valid = true;
+    while (valid && (n = getline(&line, &cap, file)) >= 0) {
+        size_t len = static_cast<size_t>(n);
+        if (len > 0 && line[len - 1] == '\n')
+            --len;
+        valid = parse_line(std::string_view(line, len), pairs);
+    }
+    free(line);
+    if (valid && ferror(file))
         return errno != 0 ? -errno : -MOX_EIO;
-    return parse_into(cfg, text) ? 0 : -MOX_EMALFORMED;
+    if (!valid)
+        return -MOX_EMALFORMED;
+    commit(cfg, pairs);
+    return 0;
+}
+
+int mox_config_fopen(const char *path, FILE **file)
+{
+    *file = nullptr;
+    // Non-blocking, so that a FIFO cannot hold the open up; checked below.
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return -errno;
+    struct stat st;
+    int rc = 0;
+    if (fstat(fd, &st) != 0)
+        rc = -errno;
+    else if (!S_ISREG(st.st_mode))
+        rc = -EINVAL;
+    else if (st.st_size > MOX_CONFIG_MAX_BYTES)
+        rc = -EFBIG;
+    else if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0 ||
+             (*file = fdopen(fd, "r")) == nullptr)
+        rc = -errno;
+    if (rc != 0)
+        close(fd);
+    return rc;
 }
 
 mox_config *mox_read_config(const char *path)
 {
-    FILE *f = fopen(path, "re");
-    if (f == nullptr)
+    FILE *f = nullptr;
+    if (mox_config_fopen(path, &f) != 0)
         return nullptr;
     mox_config *cfg = mox_create_config();
     int rc = cfg != nullptr ? mox_parse_config_file(cfg, f) : -MOX_ENOMEM;

@@ -84,6 +84,9 @@ struct mox_co {
 namespace mox_detail
 {
 
+// Makes a failed operator new end through mox_err; idempotent.
+void install_oom_handler();
+
 struct ProcessImpl {
     mox_loop loop;
     mox_worker worker;

@@ -119,6 +119,7 @@ extern "C" {
 
 void mox_process_init(mox_process *proc)
 {
+    mox_detail::install_oom_handler();
     auto *pi = new mox_detail::ProcessImpl;
     pi->loop.proc = proc;
     mox_list_init(&pi->loop.cancelable);

@@ -29,7 +29,15 @@ void mox_free_config(mox_config *cfg);
  * read, -29 when it is not configuration text (nothing is added then), or
  * a negated errno value when the stream cannot be read. */
 int mox_parse_config_file(mox_config *cfg, FILE *file);
-/* A new store with the file's pairs, or null when unreadable or invalid. */
+/* Largest configuration file the runtime reads: a real one is a few KiB. */
+#define MOX_CONFIG_MAX_BYTES (16 * 1024 * 1024)
+/* Opens a configuration file for reading without ever blocking on it: 0 and
+ * the stream (close-on-exec), -EINVAL when it is not a regular file (a FIFO
+ * or a device would never end or never come), -EFBIG when it is larger than
+ * MOX_CONFIG_MAX_BYTES, or another negated errno value. */
+int mox_config_fopen(const char *path, FILE **file);
+/* A new store with the file's pairs, or null when unreadable or invalid
+ * (opened as mox_config_fopen does). */
 mox_config *mox_read_config(const char *path);
 /* A new store with the text's pairs, or null when the text is invalid. */
 mox_config *mox_read_config_mem(const char *text);
