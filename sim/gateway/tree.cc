@@ -4,6 +4,7 @@
 #include "ember/protocol.hpp"
 #include "ops.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
