@@ -53,8 +53,10 @@ int resolve_path(const state &st, const std::string &path, std::string &local, b
     if (!path_syntax_ok(path))
         return p::err_inval;
     local = st.root;
-    if (path == "/")
+    if (path == "/") {
+        local += "/."; // the data directory itself may be reached through a link
         return 0;
+    }
     size_t last = path.rfind('/');
     for (size_t i = 1; i < last;) {
         size_t j = path.find('/', i);
