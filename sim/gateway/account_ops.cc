@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace json = boost::json;
@@ -23,25 +24,44 @@ bool account_exists(const state &st, const std::string &account)
     std::string local;
     struct stat sb;
     return !account.empty() && account.find('/') == std::string::npos &&
-           local_path(st, "/" + account, local) && stat(local.c_str(), &sb) == 0 &&
+           resolve_path(st, "/" + account, local) == 0 && lstat(local.c_str(), &sb) == 0 &&
            S_ISDIR(sb.st_mode);
 }
 
+// Entries keep their own modes: a link is listed as a link.
 int read_listing(const std::string &local, listing &out)
 {
-    DIR *d = opendir(local.c_str());
-    if (!d)
-        return errno == ENOTDIR ? p::err_notdir : p::err_noent;
+    DIR *d = nullptr;
+    if (int rc = open_dir(local, &d); rc != 0)
+        return rc;
     while (struct dirent *e = readdir(d)) {
         std::string name = e->d_name;
         struct stat sb;
-        if (name == "." || name == ".." || lstat((local + "/" + name).c_str(), &sb) != 0)
+        if (name == "." || name == ".." ||
+            fstatat(dirfd(d), e->d_name, &sb, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         out.entries.emplace_back(name, static_cast<uint32_t>(sb.st_mode));
     }
     closedir(d);
     std::sort(out.entries.begin(), out.entries.end());
     return 0;
+}
+
+// The page size a request asks for: absent or 0 for the largest; false for
+// a negative or non-integer limit.
+bool page_limit(const json::object &o, uint64_t &limit)
+{
+    limit = p::list_page_max;
+    const json::value *v = o.if_contains("limit");
+    if (!v)
+        return true;
+    if (v->is_uint64()) // beyond int64, so beyond the page size
+        return true;
+    if (!v->is_int64() || v->as_int64() < 0)
+        return false;
+    if (v->as_int64() > 0)
+        limit = std::min<uint64_t>(static_cast<uint64_t>(v->as_int64()), p::list_page_max);
+    return true;
 }
 
 } // namespace
@@ -135,8 +155,8 @@ int op_dir_stat(state &st, const json::object &o, json::object &out)
 {
     std::string local;
     struct stat sb;
-    if (!local_path(st, field(o, "path"), local))
-        return p::err_inval;
+    if (int rc = resolve_path(st, field(o, "path"), local); rc != 0)
+        return rc;
     if (lstat(local.c_str(), &sb) != 0)
         return p::err_noent;
     out["mode"] = sb.st_mode;
@@ -146,8 +166,11 @@ int op_dir_stat(state &st, const json::object &o, json::object &out)
 int op_dir_list(state &st, const json::object &o, json::object &out)
 {
     std::string path = field(o, "path"), id = field(o, "listing"), local;
-    if (!local_path(st, path, local))
+    uint64_t limit;
+    if (!page_limit(o, limit))
         return p::err_inval;
+    if (int rc = resolve_path(st, path, local); rc != 0)
+        return rc;
     if (id.empty()) {
         listing l{path, {}};
         if (int rc = read_listing(local, l); rc != 0)
@@ -161,13 +184,15 @@ int op_dir_list(state &st, const json::object &o, json::object &out)
     if (it == st.listings.end() || it->second.path != path)
         return p::err_noent;
     const auto &entries = it->second.entries;
-    uint64_t limit = std::clamp<int64_t>(int_field(o, "limit"), 1, p::list_page_max);
     uint64_t from =
         std::min<uint64_t>(std::max<int64_t>(int_field(o, "offset"), 0), entries.size());
     uint64_t to = std::min<uint64_t>(from + limit, entries.size());
     json::array page;
-    for (uint64_t i = from; i < to; i++)
-        page.push_back(json::object{{"name", entries[i].first}, {"mode", entries[i].second}});
+    for (uint64_t i = from; i < to; i++) {
+        json::object e{{"mode", entries[i].second}};
+        p::put_name(e, "name", entries[i].first);
+        page.push_back(std::move(e));
+    }
     out["entries"] = std::move(page);
     out["listing"] = id;
     out["more"] = to < entries.size();

@@ -2,8 +2,6 @@
 #include "ember/protocol.hpp"
 #include "ops.h"
 
-#include <sys/stat.h>
-
 namespace json = boost::json;
 namespace p = ember_proto;
 
@@ -76,6 +74,26 @@ int authorize(const state &st, const request &req, const route &r, const std::st
     return p::err_perm;
 }
 
+// The request fields that carry names or paths, as bytes.
+const char *const name_fields[] = {"path", "account", "src_account"};
+
+bool carries_name(std::string_view key)
+{
+    for (const char *f : name_fields)
+        if (key == f)
+            return true;
+    return false;
+}
+
+bool names_well_formed(const json::object &o)
+{
+    std::string ignored;
+    for (const char *f : name_fields)
+        if (p::get_name(o, f, ignored) < 0)
+            return false;
+    return true;
+}
+
 response answer(int code, json::object body)
 {
     body["error"] = code;
@@ -91,6 +109,8 @@ response handle_request(state &st, const request &req)
     if (ec || !v.is_object())
         return answer(p::err_malformed, {});
     const json::object &o = v.as_object();
+    if (!names_well_formed(o))
+        return answer(p::err_inval, {});
     if (req.target == p::op_peer_replica)
         return answer(op_peer_replica(st, o, req.body, req.peer_mac), {});
     for (const route &r : routes) {
@@ -136,6 +156,10 @@ bool take_fault(state &st, const std::string &target, const std::string &body, f
 
 std::string field(const json::object &o, const char *key)
 {
+    if (carries_name(key)) {
+        std::string name;
+        return p::get_name(o, key, name) > 0 ? name : std::string();
+    }
     const json::value *v = o.if_contains(key);
     return v && v->is_string() ? std::string(v->as_string()) : std::string();
 }
@@ -150,26 +174,6 @@ int64_t int_field(const json::object &o, const char *key)
     return 0;
 }
 
-bool local_path(const state &st, const std::string &path, std::string &out)
-{
-    if (path.empty() || path[0] != '/')
-        return false;
-    size_t i = 1;
-    while (i < path.size()) {
-        size_t j = path.find('/', i);
-        if (j == std::string::npos)
-            j = path.size();
-        std::string part = path.substr(i, j - i);
-        if (part.empty() || part == "." || part == "..")
-            return false;
-        i = j + 1;
-    }
-    if (path.size() > 1 && path.back() == '/')
-        return false;
-    out = st.root + (path == "/" ? "" : path);
-    return true;
-}
-
 std::string account_of(const std::string &path)
 {
     size_t end = path.find('/', 1);
@@ -180,15 +184,9 @@ int file_of(const state &st, const json::object &o, std::string &path)
 {
     std::string local;
     path = field(o, "path");
-    if (!local_path(st, path, local))
-        return p::err_inval;
-    return is_regular(local) ? 0 : p::err_noent;
-}
-
-bool is_regular(const std::string &local)
-{
-    struct stat sb;
-    return lstat(local.c_str(), &sb) == 0 && S_ISREG(sb.st_mode);
+    if (int rc = resolve_path(st, path, local); rc != 0)
+        return rc;
+    return is_regular(local) ? 0 : p::err_noent; // links and directories included
 }
 
 state::~state()

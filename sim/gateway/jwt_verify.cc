@@ -60,6 +60,19 @@ bool signed_by_trusted(const state &st, const std::string &alg, const std::strin
     return false;
 }
 
+// {"path" (or "path_b64"): a well-formed path, "mask": 0 to 2^32-1}.
+bool read_grant(const json::value &g, std::pair<std::string, uint32_t> &out)
+{
+    const json::object *o = g.if_object();
+    if (!o || p::get_name(*o, "path", out.first) != 1 || !path_syntax_ok(out.first))
+        return false;
+    const json::value *mask = o->if_contains("mask");
+    if (!mask || !mask->is_int64() || mask->as_int64() < 0 || mask->as_int64() > UINT32_MAX)
+        return false;
+    out.second = static_cast<uint32_t>(mask->as_int64());
+    return true;
+}
+
 } // namespace
 
 int verify_jwt(const state &st, const std::string &token,
@@ -84,10 +97,14 @@ int verify_jwt(const state &st, const std::string &token,
     const json::value *list = claims.if_contains("grants");
     if (!list || !list->is_array())
         return p::err_auth;
-    for (const json::value &g : list->as_array())
-        if (g.is_object())
-            grants.emplace_back(field(g.as_object(), "path"),
-                                static_cast<uint32_t>(int_field(g.as_object(), "mask")));
+    // One malformed grant spoils the token: read leniently, it could cover
+    // more than its issuer meant.
+    for (const json::value &g : list->as_array()) {
+        std::pair<std::string, uint32_t> grant;
+        if (!read_grant(g, grant))
+            return p::err_auth;
+        grants.push_back(std::move(grant));
+    }
     return 0;
 }
 

@@ -5,20 +5,38 @@
 #include "state.h"
 
 #include <boost/json.hpp>
+#include <dirent.h>
 
 namespace gwsim
 {
 
 using op_fn = int (*)(state &, const boost::json::object &, boost::json::object &);
 
-// The request's text field `key`, or "" when missing.
+// The request's text field `key`, or "" when missing; a name or path also
+// from its base64url form (see ember_proto::get_name).
 std::string field(const boost::json::object &o, const char *key);
 int64_t int_field(const boost::json::object &o, const char *key);
-// "/acc/..." under the data directory; false for "..", "." or empty parts.
-bool local_path(const state &st, const std::string &path, std::string &out);
 // The account of a path: its first component.
 std::string account_of(const std::string &path);
+
+// True for "/" and for "/" followed by components that are neither empty,
+// "." nor "..", without NUL bytes.
+bool path_syntax_ok(const std::string &path);
+// The local name of the request path `path` under the data directory: 0;
+// 30 when malformed; 8 when a component before the last is missing, not a
+// directory or a symbolic link. `make_parents` makes missing directories
+// (0700) instead. The last component is left to the caller.
+int resolve_path(const state &st, const std::string &path, std::string &local,
+                 bool make_parents = false);
+// A regular file, not a link to one.
 bool is_regular(const std::string &local);
+// Opens the directory `local`, not through a link at its end: 0, 9 or 8.
+int open_dir(const std::string &local, DIR **out);
+// Reads the regular file `local`, not through a link; false on failure.
+bool read_regular(const std::string &local, std::string &out);
+// Replaces `local` with a file (0600) holding `data`, written to a
+// temporary name, synced and renamed; false on failure.
+bool replace_file(const std::string &local, const std::string &data);
 // The request's "path", which must name a regular file: 0, 30 or 8.
 int file_of(const state &st, const boost::json::object &o, std::string &path);
 

@@ -3,10 +3,7 @@
 #include "ember/protocol.hpp"
 #include "ops.h"
 
-#include <fstream>
 #include <openssl/hmac.h>
-#include <sstream>
-#include <sys/stat.h>
 
 namespace json = boost::json;
 namespace p = ember_proto;
@@ -16,26 +13,6 @@ namespace gwsim
 namespace
 {
 
-bool read_file(const std::string &local, std::string &out)
-{
-    std::ifstream in(local, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    out = s.str();
-    return in.good() || in.eof();
-}
-
-bool write_file(const std::string &local, const std::string &data)
-{
-    for (size_t i = local.find('/', 1); i != std::string::npos; i = local.find('/', i + 1))
-        mkdir(local.substr(0, i).c_str(), 0700);
-    std::string tmp = local + ".replica-tmp";
-    std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-    out << data;
-    out.close();
-    return out.good() && rename(tmp.c_str(), local.c_str()) == 0;
-}
-
 // Sends `action` on `path` to the peer at `addr`; 0 or an error code.
 int tell_peer(state &st, const std::string &addr, const std::string &action,
               const std::string &path, bool with_content)
@@ -44,14 +21,12 @@ int tell_peer(state &st, const std::string &addr, const std::string &action,
     auto acc = st.secrets.find(account);
     if (acc == st.secrets.end() || !acc->second.count(p::secret_kind_replication))
         return p::err_perm; // no trust between the sites for this account
-    json::object body{{"account", account},
-                      {"action", action},
-                      {"path", path},
-                      {"master_uid", st.uid},
-                      {"master_addr", st.self_addr}};
+    json::object body{{"action", action}, {"master_uid", st.uid}, {"master_addr", st.self_addr}};
+    p::put_name(body, "account", account);
+    p::put_name(body, "path", path);
     if (with_content) {
         std::string local, data;
-        if (!local_path(st, path, local) || !read_file(local, data))
+        if (resolve_path(st, path, local) != 0 || !read_regular(local, data))
             return p::err_io;
         body["content"] = p::base64url_encode(data);
     }
@@ -135,18 +110,20 @@ int op_repl_join(state &st, const json::object &o, json::object &)
 int op_peer_replica(state &st, const json::object &o, const std::string &body,
                     const std::string &mac)
 {
-    std::string account = field(o, "account"), path = field(o, "path"), local;
+    std::string account = field(o, "account"), path = field(o, "path");
     auto acc = st.secrets.find(account);
     if (acc == st.secrets.end() || !acc->second.count(p::secret_kind_replication) ||
         peer_mac(acc->second[p::secret_kind_replication], body) != mac)
         return p::err_auth;
-    if (account_of(path) != account || !local_path(st, path, local))
+    if (account_of(path) != account || !path_syntax_ok(path))
         return p::err_inval;
     std::string action = field(o, "action");
     replica_state &r = st.replicas[path];
     if (action == "create") {
-        std::string data;
-        if (!p::base64url_decode(field(o, "content"), data) || !write_file(local, data))
+        std::string data, local;
+        if (int rc = resolve_path(st, path, local, true); rc != 0)
+            return rc;
+        if (!p::base64url_decode(field(o, "content"), data) || !replace_file(local, data))
             return p::err_io;
         r = {true, false, field(o, "master_uid"), field(o, "master_addr")};
     } else if (action == "drop") {

@@ -7,6 +7,17 @@ namespace p = ember_proto;
 
 namespace gwsim
 {
+namespace
+{
+
+// JSON keys and texts must be UTF-8; other names show as "b64:" and their
+// base64url.
+std::string shown(const std::string &name)
+{
+    return p::utf8_valid(name) ? name : "b64:" + p::base64url_encode(name);
+}
+
+} // namespace
 
 int op_test_dump(state &st, const json::object &, json::object &out)
 {
@@ -15,21 +26,21 @@ int op_test_dump(state &st, const json::object &, json::object &out)
         json::object k;
         for (auto &[kind, text] : kinds)
             k[std::to_string(kind)] = text;
-        secrets[account] = std::move(k);
+        secrets[shown(account)] = std::move(k);
     }
     for (auto &[account, cfg] : st.pulls) {
         json::object c;
         for (auto &[key, value] : cfg)
-            c[key] = value;
-        pulls[account] = std::move(c);
+            c[key] = shown(value);
+        pulls[shown(account)] = std::move(c);
     }
     for (auto &[account, value] : st.ondemand)
-        ondemand[account] = value;
+        ondemand[shown(account)] = value;
     for (auto &[path, r] : st.replicas)
-        replicas[path] = json::object{{"enabled", r.enabled},
-                                      {"is_master", r.is_master},
-                                      {"peer_uid", r.peer_uid},
-                                      {"peer_addr", r.peer_addr}};
+        replicas[shown(path)] = json::object{{"enabled", r.enabled},
+                                             {"is_master", r.is_master},
+                                             {"peer_uid", r.peer_uid},
+                                             {"peer_addr", r.peer_addr}};
     out["uid"] = st.uid;
     out["secrets"] = std::move(secrets);
     out["pulls"] = std::move(pulls);

@@ -2,12 +2,15 @@
 #include "co_runner.h"
 #include "ember/ember.h"
 #include "ember/protocol.hpp"
-#include "mox/mox.h"
 #include "gateway_sim.h"
+#include "mox/mox.h"
 
+#include <boost/json.hpp>
 #include <cerrno>
 #include <fstream>
 #include <gtest/gtest.h>
+
+namespace json = boost::json;
 
 using ember_test::cert_client;
 using ember_test::jwt_client;
@@ -40,6 +43,20 @@ TEST(EmberAddress, AcceptsNamesAddressesAndPorts)
     for (auto &tc : cases)
         EXPECT_EQ(ember_client_set_host(c, tc.addr), tc.rc) << tc.addr;
     ember_client_put(c);
+}
+
+// Names go as text exactly when the gateway's JSON parser takes them.
+TEST(EmberNames, Utf8CheckAgreesWithTheParser)
+{
+    const char *names[] = {
+        "plain",    "caf\xc3\xa9",  "\xf0\x9f\x98\x80", "\xef\xbf\xbf",    "",
+        "\xff",     "\xc3\x28",     "\xc0\x80",         "\xed\xa0\x80",    "\xf4\x90\x80\x80",
+        "\xe2\x82", "\xe0\x80\x80", "\xf0\x80\x80\x80", "\xf5\x80\x80\x80"};
+    for (std::string name : names) {
+        boost::system::error_code ec;
+        json::parse("\"" + name + "\"", ec);
+        EXPECT_EQ(ember_proto::utf8_valid(name), !ec) << testing::PrintToString(name);
+    }
 }
 
 TEST(EmberClient, CredentialsAndReferences)

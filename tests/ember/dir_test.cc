@@ -1,9 +1,10 @@
 // Directory handles: paged listings, children and their failures.
 #include "co_runner.h"
 #include "ember/ar_io.h"
-#include "mox/mox.h"
 #include "gateway_sim.h"
+#include "mox/mox.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
@@ -124,6 +125,49 @@ TEST(EmberDir, ErrorOnALaterPage)
         ar_io_dir_put(d);
         ember_client_put(c);
     });
+}
+
+// Real account trees hold names that are not UTF-8.
+TEST(EmberDir, NamesThatAreNotUtf8)
+{
+    const std::string acc = "/acc\xff", dir = acc + "/d\xc3\x28";
+    Sim master("dc-a"), slave("dc-b");
+    master.mkdir(dir);
+    master.write(acc + "/\xff", "one");
+    master.write(dir + "/x\xc3\x28y", "two");
+    slave.mkdir(acc);
+    run_in_coroutine([&] {
+        ember_client *m = cert_client(master.addr(), "site-ec.pem");
+        ember_client *s = cert_client(slave.addr(), "site-rsa.pem");
+        for (ember_client *c : {m, s})
+            EXPECT_EQ(ember_set_trust_secret(c, acc.c_str() + 1, 1, "shared"), 0);
+        ar_io_dir *d = nullptr, *sub = nullptr;
+        ASSERT_EQ(ar_io_open_ember_dir_cl(m, acc.c_str(), &d, 0), 0);
+        ASSERT_EQ(d->ops->open_child(d, "d\xc3\x28", &sub, 0), 0);
+        std::vector<std::string> names;
+        EXPECT_EQ(list(d, names), 0);
+        EXPECT_EQ(list(sub, names), 0);
+        EXPECT_EQ(names, (std::vector<std::string>{"d\xc3\x28:d", "\xff:f", "x\xc3\x28y:f"}));
+        ar_io_dir_put(sub);
+        ar_io_dir_put(d);
+        std::string slave_addr = slave.addr();
+        for (const std::string &f : {acc + "/\xff", dir + "/x\xc3\x28y"}) {
+            ember_file *h = nullptr;
+            ASSERT_EQ(ember_file_open(m, &h, f.c_str(), 0), 0);
+            EXPECT_EQ(ember_file_close(h), 0);
+            EXPECT_EQ(ember_file_enable_replication(m, f.c_str(), slave_addr.c_str(), "dc-b"), 0);
+            char *state = nullptr;
+            EXPECT_EQ(ember_file_get_state(s, f.c_str(), &state), 0);
+            EXPECT_STREQ(state,
+                         "replica.enabled = 1\nreplica.is_master = 0\nreplica.peer_uid = dc-a\n");
+            mox_free(state);
+        }
+        ember_client_put(s);
+        ember_client_put(m);
+    });
+    std::ifstream in(slave.data() + dir + "/x\xc3\x28y");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "two");
+    EXPECT_NE(master.dump().find("\"b64:"), std::string::npos) << "names in the state dump";
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // The simulator's request handler, driven directly without a network.
 #include "ember/protocol.hpp"
-#include "mox/misc.h"
 #include "gateway_sim.h"
+#include "mox/misc.h"
 #include "state.h"
 
 #include <boost/json.hpp>
@@ -9,6 +9,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace json = boost::json;
 namespace p = ember_proto;
@@ -78,20 +79,95 @@ TEST_F(SimHandler, StatusesFollowErrorCodes)
 
 TEST_F(SimHandler, TokensAreCheckedForExpiryAndGrants)
 {
-    int64_t now = time(nullptr);
-    auto with = [&](int64_t exp, const char *path, int mask) {
-        json::object claims{{"aud", "self"}, {"exp", exp}};
-        claims["grants"] = json::array{json::object{{"path", path}, {"mask", mask}}};
+    struct {
+        int64_t expires_in;
+        const char *grant;
+        int error;
+    } rows[] = {
+        {60, R"({"path":"/","mask":7})", 0},
+        {-1, R"({"path":"/","mask":7})", p::err_auth},
+        {60, R"({"path":"/acc","mask":7})", 0},
+        {60, R"({"path":"/ac","mask":7})", p::err_perm}, // a prefix that is not a parent
+        {60, R"({"path":"/","mask":6})", p::err_perm},   // no session bit
+        // Malformed grants spoil the whole token.
+        {60, R"({"mask":7})", p::err_auth},
+        {60, R"({"path":"","mask":7})", p::err_auth},
+        {60, R"({"path":7,"mask":7})", p::err_auth},
+        {60, R"({"path":"acc","mask":7})", p::err_auth},
+        {60, R"({"path":"/acc"})", p::err_auth},
+        {60, R"({"path":"/acc","mask":-1})", p::err_auth},
+        {60, R"({"path":"/acc","mask":4294967303})", p::err_auth}, // 2^32 + 7
+        {60, R"({"path":"/acc","mask":7.0})", p::err_auth},
+        {60, R"("/")", p::err_auth},
+    };
+    for (auto &r : rows) {
+        json::object claims{{"aud", "self"}, {"exp", time(nullptr) + r.expires_in}};
+        claims["grants"] = json::array{json::parse(r.grant)};
         gwsim::request req{p::op_secret_set, R"({"account":"acc","kind":1,"secret":"s"})", false,
                            token(claims), ""};
-        return json::parse(gwsim::handle_request(st, req).body).at("error").as_int64();
+        EXPECT_EQ(json::parse(gwsim::handle_request(st, req).body).at("error"), r.error) << r.grant;
+    }
+}
+
+// Symbolic links are entries of their own, never a way out of an account.
+TEST_F(SimHandler, LinksDoNotLeadOutOfTheTree)
+{
+    for (const char *d : {"/acc/d", "/other"})
+        mkdir((st.root + d).c_str(), 0700);
+    for (const char *f : {"/acc/d/g", "/other/secret"})
+        std::ofstream(st.root + f) << "x";
+    ASSERT_EQ(symlink("../other", (st.root + "/acc/up").c_str()), 0);
+    ASSERT_EQ(symlink((st.root + "/other").c_str(), (st.root + "/acc/abs").c_str()), 0);
+    ASSERT_EQ(symlink("d/g", (st.root + "/acc/lf").c_str()), 0);
+    json::object claims{{"aud", "self"}, {"exp", time(nullptr) + 60}};
+    claims["grants"] = json::array{json::object{{"path", "/acc"}, {"mask", 7}}};
+    std::string bearer = token(claims);
+    struct {
+        const char *op, *body;
+        int error;
+    } rows[] = {
+        {p::op_dir_list, R"({"path":"/acc/d"})", 0},
+        {p::op_dir_list, R"({"path":"/acc/abs"})", p::err_notdir},
+        {p::op_dir_stat, R"({"path":"/acc/up/secret"})", p::err_noent},
+        {p::op_file_state, R"({"path":"/acc/lf"})", p::err_noent},
+        {p::op_file_open, R"({"path":"/acc/abs/secret"})", p::err_noent},
+        {p::op_repl_enable, R"({"path":"/acc/up/secret","slave_addr":"h:1","slave_uid":"b"})",
+         p::err_noent},
+        {p::op_dir_stat, R"({"path_b64":"L2FjYw"})", p::err_inval}, // "/acc" goes as text
     };
-    EXPECT_EQ(with(now + 60, "/", 7), 0);
-    EXPECT_EQ(with(now - 1, "/", 7), p::err_auth);
-    EXPECT_EQ(with(now + 60, "/acc", 7), 0);
-    EXPECT_EQ(with(now + 60, "/ac", 7), p::err_perm); // a prefix that is not a parent
-    EXPECT_EQ(with(now + 60, "/other", 7), p::err_perm);
-    EXPECT_EQ(with(now + 60, "/", 6), p::err_perm); // no session bit
+    for (auto &r : rows) {
+        gwsim::request req{r.op, r.body, false, bearer, ""};
+        EXPECT_EQ(json::parse(gwsim::handle_request(st, req).body).at("error"), r.error)
+            << r.op << " " << r.body;
+    }
+    st.secrets["acc"][1] = "s";
+    std::string body = R"({"account":"acc","action":"create","path":"/acc/up/x","content":"eA"})";
+    gwsim::request peer{p::op_peer_replica, body, false, "", gwsim::peer_mac("s", body)};
+    EXPECT_EQ(json::parse(gwsim::handle_request(st, peer).body).at("error"), p::err_noent);
+    EXPECT_FALSE(std::ifstream(st.root + "/other/x").good());
+}
+
+TEST_F(SimHandler, ListingPageSize)
+{
+    for (const char *f : {"/acc/a", "/acc/b", "/acc/c"})
+        std::ofstream(st.root + f) << "x";
+    struct {
+        const char *limit;
+        int error;
+        size_t entries;
+    } rows[] = {{"", 0, 3},
+                {R"(,"limit":0)", 0, 3},
+                {R"(,"limit":2)", 0, 2},
+                {R"(,"limit":5000)", 0, 3},
+                {R"(,"limit":-1)", p::err_inval, 0},
+                {R"(,"limit":"2")", p::err_inval, 0},
+                {R"(,"limit":1.5)", p::err_inval, 0}};
+    for (auto &r : rows) {
+        json::object a = run(p::op_dir_list, std::string(R"({"path":"/acc")") + r.limit + "}");
+        EXPECT_EQ(a["error"], r.error) << r.limit;
+        size_t entries = a.contains("entries") ? a["entries"].as_array().size() : 0;
+        EXPECT_EQ(entries, r.entries) << r.limit;
+    }
 }
 
 TEST_F(SimHandler, PeerRequestsNeedTheSharedSecret)

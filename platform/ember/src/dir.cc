@@ -38,7 +38,8 @@ int fetch(ember_dir *d)
     d->offset += d->page.size();
     d->page.clear();
     d->pos = 0;
-    json::object req{{"path", d->path}, {"limit", ember_proto::list_page_max}};
+    json::object req{{"limit", ember_proto::list_page_max}};
+    ember_proto::put_name(req, "path", d->path);
     if (!d->listing.empty()) {
         req["listing"] = d->listing;
         req["offset"] = d->offset;
@@ -55,12 +56,11 @@ int fetch(ember_dir *d)
         return -MOX_EPROTO;
     for (const json::value &e : entries->as_array()) {
         const json::object *o = e.if_object();
-        const json::value *name = o ? o->if_contains("name") : nullptr;
         const json::value *mode = o ? o->if_contains("mode") : nullptr;
-        if (!name || !name->is_string() || !mode || !mode->is_int64())
+        std::string name;
+        if (!mode || !mode->is_int64() || ember_proto::get_name(*o, "name", name) != 1)
             return -MOX_EPROTO;
-        d->page.push_back(
-            {std::string(name->as_string()), static_cast<uint32_t>(mode->as_int64())});
+        d->page.push_back({std::move(name), static_cast<uint32_t>(mode->as_int64())});
     }
     d->listing = std::string(listing->as_string());
     d->last = !more->as_bool();
@@ -133,8 +133,9 @@ int ar_io_open_ember_dir_cl(ember_client *client, const char *path, ar_io_dir **
     *dir = nullptr;
     if (!path || path[0] != '/')
         return -MOX_EINVAL;
-    json::object answer;
-    int rc = ember::call(client, ember_proto::op_dir_stat, {{"path", path}}, &answer);
+    json::object req, answer;
+    ember_proto::put_name(req, "path", path);
+    int rc = ember::call(client, ember_proto::op_dir_stat, req, &answer);
     if (rc != 0)
         return rc;
     const json::value *mode = answer.if_contains("mode");

@@ -53,20 +53,19 @@ boost::json::object claims(const ember_jwt_request *req)
 {
     auto text = [](const char *s) { return boost::json::string(s ? s : ""); };
     boost::json::array grants;
-    for (size_t i = 0; i < req->n_grants; i++)
-        grants.push_back(boost::json::object{{"path", text(req->grants[i].path)},
-                                             {"mask", req->grants[i].mask}});
+    for (size_t i = 0; i < req->n_grants; i++) {
+        boost::json::object g{{"mask", req->grants[i].mask}};
+        const char *path = req->grants[i].path;
+        ember_proto::put_name(g, "path", path ? path : "");
+        grants.push_back(std::move(g));
+    }
     int64_t now = get_real_time_ms() / 1000;
-    return boost::json::object{
-        {"iss", text(req->issuer)},
-        {"sub", text(req->subject)},
-        {"tnt", text(req->tenant)},
-        {"acc", text(req->account)},
-        {"aud", text(req->audience)},
-        {"grants", grants},
-        {"iat", now},
-        {"exp", now + jwt_lifetime_s},
-    };
+    boost::json::object out{{"iss", text(req->issuer)},   {"sub", text(req->subject)},
+                            {"tnt", text(req->tenant)},   {"aud", text(req->audience)},
+                            {"grants", grants},           {"iat", now},
+                            {"exp", now + jwt_lifetime_s}};
+    ember_proto::put_name(out, "acc", req->account ? req->account : "");
+    return out;
 }
 
 } // namespace

@@ -57,6 +57,13 @@ json::string text(const char *s)
     return json::string(s ? s : "");
 }
 
+// `rest` with the name or path `bytes` under `key` (or `key`_b64).
+json::object named(const char *key, const char *bytes, json::object rest = {})
+{
+    ember_proto::put_name(rest, key, bytes ? bytes : "");
+    return rest;
+}
+
 } // namespace
 
 using ember::call;
@@ -66,13 +73,13 @@ extern "C" {
 int ember_get_trust_secret(ember_client *client, const char *account, int kind, char **secret)
 {
     return ember::call_text(client, ember_proto::op_secret_get,
-                            {{"account", text(account)}, {"kind", kind}}, "secret", secret);
+                            named("account", account, {{"kind", kind}}), "secret", secret);
 }
 
 int ember_set_trust_secret(ember_client *client, const char *account, int kind, const char *secret)
 {
     return call(client, ember_proto::op_secret_set,
-                {{"account", text(account)}, {"kind", kind}, {"secret", text(secret)}}, nullptr);
+                named("account", account, {{"kind", kind}, {"secret", text(secret)}}), nullptr);
 }
 
 int ember_account_pull_configure_dst(ember_client *client, const char *new_name,
@@ -80,19 +87,19 @@ int ember_account_pull_configure_dst(ember_client *client, const char *new_name,
                                      const char *src_account, const char *secret, int flags)
 {
     return call(client, ember_proto::op_pull_configure,
-                {{"account", text(new_name)},
-                 {"src_dc_uid", text(src_dc_uid)},
-                 {"src", text(src)},
-                 {"src_account", text(src_account)},
-                 {"secret", text(secret)},
-                 {"flags", flags}},
+                named("account", new_name,
+                      named("src_account", src_account,
+                            {{"src_dc_uid", text(src_dc_uid)},
+                             {"src", text(src)},
+                             {"secret", text(secret)},
+                             {"flags", flags}})),
                 nullptr);
 }
 
 int ember_account_pull_set_ondemand_only(ember_client *client, const char *account, int value)
 {
     return call(client, ember_proto::op_pull_ondemand,
-                {{"account", text(account)}, {"value", value}}, nullptr);
+                named("account", account, {{"value", value}}), nullptr);
 }
 
 int ember_file_enable_replication(ember_client *client, const char *path, const char *slave_addr,
@@ -100,36 +107,36 @@ int ember_file_enable_replication(ember_client *client, const char *path, const 
 {
     return call(
         client, ember_proto::op_repl_enable,
-        {{"path", text(path)}, {"slave_addr", text(slave_addr)}, {"slave_uid", text(slave_uid)}},
+        named("path", path, {{"slave_addr", text(slave_addr)}, {"slave_uid", text(slave_uid)}}),
         nullptr);
 }
 
 int ember_file_disable_replication(ember_client *client, const char *path, int force)
 {
-    return call(client, ember_proto::op_repl_disable, {{"path", text(path)}, {"force", force != 0}},
+    return call(client, ember_proto::op_repl_disable, named("path", path, {{"force", force != 0}}),
                 nullptr);
 }
 
 int ember_file_detach_replica_from_master(ember_client *client, const char *path, int flags)
 {
-    return call(client, ember_proto::op_repl_detach, {{"path", text(path)}, {"flags", flags}},
+    return call(client, ember_proto::op_repl_detach, named("path", path, {{"flags", flags}}),
                 nullptr);
 }
 
 int ember_file_switch_to_slave_replica(ember_client *client, const char *path)
 {
-    return call(client, ember_proto::op_repl_switch, {{"path", text(path)}}, nullptr);
+    return call(client, ember_proto::op_repl_switch, named("path", path), nullptr);
 }
 
 int ember_file_join_to_slave_replica(ember_client *client, const char *path, const char *slave_uid)
 {
     return call(client, ember_proto::op_repl_join,
-                {{"path", text(path)}, {"slave_uid", text(slave_uid)}}, nullptr);
+                named("path", path, {{"slave_uid", text(slave_uid)}}), nullptr);
 }
 
 int ember_file_get_state(ember_client *client, const char *path, char **state)
 {
-    return ember::call_text(client, ember_proto::op_file_state, {{"path", text(path)}}, "state",
+    return ember::call_text(client, ember_proto::op_file_state, named("path", path), "state",
                             state);
 }
 
@@ -138,7 +145,7 @@ int ember_file_open(ember_client *client, ember_file **file, const char *path, i
     json::object answer;
     *file = nullptr;
     int rc =
-        call(client, ember_proto::op_file_open, {{"path", text(path)}, {"flags", flags}}, &answer);
+        call(client, ember_proto::op_file_open, named("path", path, {{"flags", flags}}), &answer);
     if (rc != 0)
         return rc;
     const json::value *h = answer.if_contains("handle");

@@ -3,7 +3,9 @@
  * talks to the gateway must run in a coroutine on the runtime's loop; it
  * suspends only that coroutine, and fails with -110 once the coroutine's
  * context deadline has passed. Results: 0, a negated runtime code for the
- * gateway's answers, or a negated errno value for transport failures. */
+ * gateway's answers, or a negated errno value for transport failures.
+ * Account names and paths are bytes as the file system holds them; they
+ * need not be UTF-8. */
 #ifndef EMBER_EMBER_H
 #define EMBER_EMBER_H
 

@@ -1,6 +1,7 @@
 // The gateway protocol shared by the client library and the gateway
 // simulator: request paths, JSON field names, access mask bits, the mapping
-// between HTTP statuses and the runtime's error codes, and base64url.
+// between HTTP statuses and the runtime's error codes, base64url, and how
+// names that are not UTF-8 travel.
 // docs/gateway-protocol.md describes the same protocol in prose.
 #pragma once
 
@@ -214,6 +215,91 @@ inline bool base64url_decode(std::string_view in, std::string &out)
         }
     }
     return bits < 6;
+}
+
+// True when `s` is well-formed UTF-8 (no overlong forms, surrogates or code
+// points above U+10FFFF): exactly the text a JSON parser accepts.
+inline bool utf8_valid(std::string_view s)
+{
+    size_t i = 0;
+    while (i < s.size()) {
+        auto c = static_cast<unsigned char>(s[i]);
+        size_t len = 1;
+        unsigned char lo = 0x80, hi = 0xbf; // range of the second byte
+        if (c < 0x80) {
+            i++;
+            continue;
+        } else if (c >= 0xc2 && c <= 0xdf) {
+            len = 2;
+        } else if (c >= 0xe0 && c <= 0xef) {
+            len = 3;
+            lo = c == 0xe0 ? 0xa0 : 0x80;
+            hi = c == 0xed ? 0x9f : 0xbf;
+        } else if (c >= 0xf0 && c <= 0xf4) {
+            len = 4;
+            lo = c == 0xf0 ? 0x90 : 0x80;
+            hi = c == 0xf4 ? 0x8f : 0xbf;
+        } else {
+            return false;
+        }
+        if (s.size() - i < len)
+            return false;
+        auto c1 = static_cast<unsigned char>(s[i + 1]);
+        if (c1 < lo || c1 > hi)
+            return false;
+        for (size_t k = 2; k < len; k++)
+            if ((static_cast<unsigned char>(s[i + k]) & 0xc0) != 0x80)
+                return false;
+        i += len;
+    }
+    return true;
+}
+
+// File names are bytes, JSON texts are UTF-8: a field that carries a name
+// or path is sent as `key` when its bytes are valid UTF-8 and otherwise,
+// and only then, as `key` + "_b64" holding the bytes in base64url.
+inline constexpr std::string_view name_b64_suffix = "_b64";
+
+// Puts the name `bytes` into the JSON object `o` (boost::json::object) by
+// the rule above.
+template <class Object> void put_name(Object &o, std::string_view key, std::string_view bytes)
+{
+    if (utf8_valid(bytes)) {
+        o[key].emplace_string().assign(bytes.data(), bytes.size());
+        return;
+    }
+    std::string k(key);
+    k += name_b64_suffix;
+    o[k].emplace_string() = base64url_encode(bytes);
+}
+
+// Reads the name `key` of `o`: 1 and its bytes in `out`; 0 when the object
+// holds neither form; -1 when malformed (both forms, not a text, not
+// base64url, or a base64url form of valid UTF-8).
+template <class Object> int get_name(const Object &o, std::string_view key, std::string &out)
+{
+    std::string k(key);
+    k += name_b64_suffix;
+    const auto *plain = o.if_contains(key);
+    const auto *coded = o.if_contains(k);
+    out.clear();
+    if (plain && coded)
+        return -1;
+    if (plain) {
+        const auto *s = plain->if_string();
+        if (!s)
+            return -1;
+        out.assign(s->data(), s->size());
+        return 1;
+    }
+    if (!coded)
+        return 0;
+    const auto *s = coded->if_string();
+    if (!s || !base64url_decode(std::string_view(s->data(), s->size()), out) || utf8_valid(out)) {
+        out.clear();
+        return -1;
+    }
+    return 1;
 }
 
 } // namespace ember_proto
