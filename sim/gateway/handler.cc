@@ -38,6 +38,7 @@ const route routes[] = {
     {p::op_dir_list, op_dir_list, p::access_read, scope::path},
     {p::op_test_dump, op_test_dump, 0, scope::none},
     {p::op_test_fault, op_test_fault, 0, scope::none},
+    {p::op_test_pull_run, op_test_pull_run, 0, scope::none},
 };
 
 uint32_t needed_bits(const route &r, const json::object &o)
@@ -91,8 +92,11 @@ response handle_request(state &st, const request &req)
     if (ec || !v.is_object())
         return answer(p::err_malformed, {});
     const json::object &o = v.as_object();
-    if (req.target == p::op_peer_replica)
-        return answer(op_peer_replica(st, o, req.body, req.peer_mac), {});
+    if (peer_fn fn = peer_op(req.target)) {
+        json::object out;
+        int rc = req.fault_error ? req.fault_error : fn(st, o, req.body, req.peer_mac, out);
+        return answer(rc, rc == 0 ? std::move(out) : json::object{});
+    }
     for (const route &r : routes) {
         if (req.target != r.target)
             continue;

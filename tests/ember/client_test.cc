@@ -2,8 +2,8 @@
 #include "co_runner.h"
 #include "ember/ember.h"
 #include "ember/protocol.hpp"
-#include "mox/mox.h"
 #include "gateway_sim.h"
+#include "mox/mox.h"
 
 #include <cerrno>
 #include <fstream>
@@ -91,7 +91,7 @@ TEST(EmberClient, TrustSecretsPullAndOndemand)
     });
     std::string dump = sim.dump();
     EXPECT_NE(dump.find("\"new\":{\"flags\":\"5\",\"secret\":\"sec\",\"src\":\"10.0.0.1\","
-                        "\"src_account\":\"acc\",\"src_dc_uid\":\"dc-b\"}"),
+                        "\"src_account\":\"acc\",\"src_dc_uid\":\"dc-b\",\"status\":\"pending\"}"),
               std::string::npos)
         << dump;
     EXPECT_NE(dump.find("\"ondemand\":{\"acc\":1}"), std::string::npos) << dump;

@@ -1,7 +1,7 @@
 // The simulator's request handler, driven directly without a network.
 #include "ember/protocol.hpp"
-#include "mox/misc.h"
 #include "gateway_sim.h"
+#include "mox/misc.h"
 #include "state.h"
 
 #include <boost/json.hpp>
@@ -116,9 +116,11 @@ TEST_F(SimHandler, EnableTellsThePeerAndKeepsStateOnFailure)
     st.secrets["acc"][1] = "s";
     std::string sent_to;
     int peer_rc = p::err_io;
-    st.send_peer = [&](const std::string &addr, const std::string &body, const std::string &mac) {
+    st.send_peer = [&](const std::string &addr, const char *, const std::string &body,
+                       const std::string &mac, std::string &answer) {
         sent_to = addr;
         EXPECT_EQ(mac, gwsim::peer_mac("s", body));
+        answer = R"({"error":0})";
         return peer_rc;
     };
     const char *req = R"({"path":"/acc/f","slave_addr":"h:2","slave_uid":"dc-b"})";
