@@ -26,15 +26,16 @@ const std::string &pki()
         struct stat sb;
         if (given && stat((std::string(given) + "/ca.pem").c_str(), &sb) == 0)
             return std::string(given);
-        char tmpl[] = "/tmp/tarn-pki-XXXXXX";
-        std::string d = mkdtemp(tmpl);
+        // The exit handler runs after `dir` is destroyed: it keeps its own copy.
+        static char made[] = "/tmp/tarn-pki-XXXXXX";
+        std::string d = mkdtemp(made);
         std::string cmd = std::string(TARN_MAKE_PKI) + " " + d;
         if (system(cmd.c_str()) != 0)
             abort();
         atexit([] {
-            std::string rm = "rm -rf '" + dir + "'";
+            std::string rm = "rm -rf '" + std::string(made) + "'";
             if (system(rm.c_str()) != 0)
-                fprintf(stderr, "cannot remove %s\n", dir.c_str());
+                fprintf(stderr, "cannot remove %s\n", made);
         });
         return d;
     }();
