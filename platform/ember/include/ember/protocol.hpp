@@ -205,6 +205,7 @@ inline std::string base64url_encode(std::string_view in)
 inline bool base64url_decode(std::string_view in, std::string &out)
 {
     out.clear();
+    out.reserve(in.size() / 4 * 3 + 2);
     uint32_t acc = 0;
     int bits = 0;
     for (char c : in) {
