@@ -122,7 +122,7 @@ TEST(SimPeer, LargeFileReplicatesByteForByte)
             out << pattern(1 << 20, mib);
     }
     run_in_coroutine([&] {
-        mox_co_ctx_set_timeout(120000);
+        mox_co_ctx_set_timeout(90000);
         ember_client *m = cert_client(master.addr(), "site-ec.pem");
         ember_client *s = cert_client(slave.addr(), "site-ec.pem");
         EXPECT_EQ(ember_set_trust_secret(m, "acc", 1, "shared"), 0);
@@ -176,7 +176,7 @@ TEST(SimPeer, SimsReplicatingToEachOtherBothFinish)
 // A peer that accepts the connection and never speaks.
 TEST(SimPeer, SilentPeerFailsTheCallWhileOtherRequestsGoOn)
 {
-    Sim sim("dc-a", {"--peer-timeout", "1500"});
+    Sim sim("dc-a", {"--peer-timeout", "3000"});
     sim.mkdir("/acc");
     sim.write("/acc/f");
     int lfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
