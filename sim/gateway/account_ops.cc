@@ -104,6 +104,10 @@ int op_pull_configure(state &st, const json::object &o, json::object &)
     for (const char *k : {"src_dc_uid", "src", "src_account", "secret"})
         cfg[k] = field(o, k);
     cfg["flags"] = std::to_string(int_field(o, "flags"));
+    cfg["status"] = "pending";
+    // The pull's outcome goes into its status, not into this answer.
+    if (st.pull_on_configure)
+        run_pull(st, account);
     return 0;
 }
 

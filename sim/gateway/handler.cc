@@ -36,6 +36,7 @@ const route routes[] = {
     {p::op_dir_list, op_dir_list, p::access_read, scope::path},
     {p::op_test_dump, op_test_dump, 0, scope::none},
     {p::op_test_fault, op_test_fault, 0, scope::none},
+    {p::op_test_pull_run, op_test_pull_run, 0, scope::none},
 };
 
 uint32_t needed_bits(const route &r, const json::object &o)
@@ -111,8 +112,11 @@ response handle_request(state &st, const request &req)
     const json::object &o = v.as_object();
     if (!names_well_formed(o))
         return answer(p::err_inval, {});
-    if (req.target == p::op_peer_replica)
-        return answer(op_peer_replica(st, o, req.body, req.peer_mac), {});
+    if (peer_fn fn = peer_op(req.target)) {
+        json::object out;
+        int rc = req.fault_error ? req.fault_error : fn(st, o, req.body, req.peer_mac, out);
+        return answer(rc, rc == 0 ? std::move(out) : json::object{});
+    }
     for (const route &r : routes) {
         if (req.target != r.target)
             continue;

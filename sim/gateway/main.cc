@@ -2,9 +2,9 @@
 // with real state, for tests and benchmarks on loopback.
 #include "ember/protocol.hpp"
 #include "server.h"
-#include "sync_client.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <getopt.h>
 #include <openssl/pem.h>
 #include <signal.h>
@@ -15,7 +15,8 @@ namespace
 
 const char usage[] =
     "usage: tarn-gateway-sim --listen ADDR --cert PEM --key PEM --uid UID --data DIR\n"
-    "                        [--client-ca PEM] [--jwt-key PEM]... [--peer UID=ADDR]...\n";
+    "                        [--client-ca PEM] [--jwt-key PEM]... [--peer UID=ADDR]...\n"
+    "                        [--peer-timeout MS] [--pull-on-configure]\n";
 
 // A public key from a PEM certificate or public key file.
 EVP_PKEY *load_public_key(const char *path)
@@ -55,6 +56,8 @@ void parse(int argc, char **argv, gwsim::server &srv, options &opt)
                                              {"client-ca", required_argument, nullptr, 'a'},
                                              {"jwt-key", required_argument, nullptr, 'j'},
                                              {"peer", required_argument, nullptr, 'p'},
+                                             {"peer-timeout", required_argument, nullptr, 't'},
+                                             {"pull-on-configure", no_argument, nullptr, 'P'},
                                              {nullptr, 0, nullptr, 0}};
     int c;
     while ((c = getopt_long(argc, argv, "", longopts, nullptr)) != -1) {
@@ -91,6 +94,17 @@ void parse(int argc, char **argv, gwsim::server &srv, options &opt)
             srv.st.peer_addrs[v.substr(0, eq)] = v.substr(eq + 1);
             break;
         }
+        case 't': {
+            char *end = nullptr;
+            long ms = strtol(v.c_str(), &end, 10);
+            if (v.empty() || *end || ms < 1 || ms > 3600000)
+                die("expected milliseconds (1 to 3600000), got", optarg);
+            srv.peer_timeout = std::chrono::milliseconds(ms);
+            break;
+        }
+        case 'P':
+            srv.st.pull_on_configure = true;
+            break;
         default:
             fputs(usage, stderr);
             exit(2);
@@ -158,7 +172,6 @@ int main(int argc, char **argv)
         die("cannot listen on", opt.listen.c_str());
     port = acceptor.local_endpoint().port();
     srv.st.self_addr = (addr.is_v6() ? "[" + host + "]" : host) + ":" + std::to_string(port);
-    srv.st.send_peer = gwsim::send_peer;
     printf("%u\n", port);
     fflush(stdout);
     gwsim::serve(srv, acceptor);

@@ -3,6 +3,7 @@
 #include "server.h"
 
 #include "ember/protocol.hpp"
+#include "sync_client.h"
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
@@ -95,6 +96,19 @@ void session(server &srv, tcp::socket sock)
 
 void serve(server &srv, tcp::acceptor &acceptor)
 {
+    // Runs inside handle_request, under `mu`. Two gateways that call each
+    // other at once, or a peer that never answers, must not stall the
+    // other requests.
+    srv.st.send_peer = [&srv](const std::string &addr, const char *target, const std::string &body,
+                              const std::string &mac, std::string &answer) {
+        struct relock {
+            std::mutex &mu;
+            ~relock() { mu.lock(); }
+        };
+        srv.mu.unlock();
+        relock again{srv.mu};
+        return send_peer(addr, target, body, mac, srv.peer_timeout, answer);
+    };
     for (;;) {
         boost::system::error_code ec;
         tcp::socket sock = acceptor.accept(ec);

@@ -35,10 +35,14 @@ struct fault {
     int count = 0; // times it still applies; 0 for every time
 };
 
-// Sends a peer request to the gateway at `addr`: 0, the peer's error code
-// (positive), or 80 when it cannot be reached.
+// Sends a peer request to `target` of the gateway at `addr`: 0 and the
+// answer's body, the peer's error code (positive), 80 when it cannot be
+// reached or 110 when it does not answer in time. The listener runs it
+// with the state's lock released, so a caller copies what it needs from
+// the state before the call and checks the state again after it.
 using peer_sender =
-    std::function<int(const std::string &addr, const std::string &body, const std::string &mac)>;
+    std::function<int(const std::string &addr, const char *target, const std::string &body,
+                      const std::string &mac, std::string &answer)>;
 
 struct state {
     std::string root; // the data directory: "/" of the gateway's tree
@@ -49,7 +53,10 @@ struct state {
     peer_sender send_peer;
 
     std::map<std::string, std::map<int, std::string>> secrets; // account -> kind -> text
+    // new account name -> configuration and "status" ("pending", "running",
+    // "done" or "failed: CODE")
     std::map<std::string, std::map<std::string, std::string>> pulls;
+    bool pull_on_configure = false; // run a pull before its configuration is answered
     std::map<std::string, int> ondemand;
     std::map<std::string, replica_state> replicas; // by path
     std::map<std::string, listing> listings;       // by listing id

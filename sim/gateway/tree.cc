@@ -87,41 +87,4 @@ int open_dir(const std::string &local, DIR **out)
     return 0;
 }
 
-bool read_regular(const std::string &local, std::string &out)
-{
-    int fd = open(local.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    struct stat sb;
-    if (fd < 0)
-        return false;
-    bool ok = fstat(fd, &sb) == 0 && S_ISREG(sb.st_mode);
-    out.clear();
-    char buf[65536];
-    ssize_t n = 0;
-    while (ok && (n = read(fd, buf, sizeof buf)) > 0)
-        out.append(buf, static_cast<size_t>(n));
-    close(fd);
-    return ok && n == 0;
-}
-
-bool replace_file(const std::string &local, const std::string &data)
-{
-    std::string tmp = local + ".replica-tmp";
-    unlink(tmp.c_str());
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0)
-        return false;
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n <= 0)
-            break;
-        done += static_cast<size_t>(n);
-    }
-    bool ok = done == data.size() && fsync(fd) == 0;
-    ok = close(fd) == 0 && ok && rename(tmp.c_str(), local.c_str()) == 0;
-    if (!ok)
-        unlink(tmp.c_str());
-    return ok;
-}
-
 } // namespace gwsim

@@ -108,7 +108,7 @@ TEST(EmberClient, TrustSecretsPullAndOndemand)
     });
     std::string dump = sim.dump();
     EXPECT_NE(dump.find("\"new\":{\"flags\":\"5\",\"secret\":\"sec\",\"src\":\"10.0.0.1\","
-                        "\"src_account\":\"acc\",\"src_dc_uid\":\"dc-b\"}"),
+                        "\"src_account\":\"acc\",\"src_dc_uid\":\"dc-b\",\"status\":\"pending\"}"),
               std::string::npos)
         << dump;
     EXPECT_NE(dump.find("\"ondemand\":{\"acc\":1}"), std::string::npos) << dump;

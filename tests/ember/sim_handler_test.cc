@@ -192,9 +192,11 @@ TEST_F(SimHandler, EnableTellsThePeerAndKeepsStateOnFailure)
     st.secrets["acc"][1] = "s";
     std::string sent_to;
     int peer_rc = p::err_io;
-    st.send_peer = [&](const std::string &addr, const std::string &body, const std::string &mac) {
+    st.send_peer = [&](const std::string &addr, const char *, const std::string &body,
+                       const std::string &mac, std::string &answer) {
         sent_to = addr;
         EXPECT_EQ(mac, gwsim::peer_mac("s", body));
+        answer = R"({"error":0})";
         return peer_rc;
     };
     const char *req = R"({"path":"/acc/f","slave_addr":"h:2","slave_uid":"dc-b"})";

@@ -146,7 +146,9 @@ std::string Sim::post(const std::string &op, const std::string &body) const
 {
     unsigned status = 0;
     std::string answer;
-    return gwsim::sync_post(addr(), op.c_str(), body, "", status, answer) ? answer : "";
+    int rc =
+        gwsim::sync_post(addr(), op.c_str(), body, "", gwsim::peer_timeout_default, status, answer);
+    return rc == 0 ? answer : "";
 }
 
 void Sim::fault(const std::string &json) const

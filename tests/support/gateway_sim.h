@@ -39,7 +39,8 @@ class Sim
     void mkdir(const std::string &path) const;
     void write(const std::string &path, const std::string &content = "data") const;
     // POSTs a test endpoint with curl-free plain TLS from this process: the
-    // answer body, "" on failure. Blocks; call outside coroutines.
+    // answer body, "" on failure. Blocks for at most ten seconds; call
+    // outside coroutines.
     std::string post(const std::string &op, const std::string &body) const;
     std::string dump() const { return post("/v1/test/dump", "{}"); }
     void fault(const std::string &json) const;

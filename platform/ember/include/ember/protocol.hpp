@@ -34,9 +34,15 @@ inline constexpr const char *op_dir_stat = "/v1/dir/stat";
 inline constexpr const char *op_dir_list = "/v1/dir/list";
 // Gateway to gateway, authenticated with the account's kind-1 secret.
 inline constexpr const char *op_peer_replica = "/v1/peer/replica";
+// Gateway to gateway, authenticated with the source account's kind-2 secret:
+// the destination of a pull reads the account's tree and may then remove it.
+inline constexpr const char *op_peer_pull_list = "/v1/peer/pull/list";
+inline constexpr const char *op_peer_pull_read = "/v1/peer/pull/read";
+inline constexpr const char *op_peer_pull_remove = "/v1/peer/pull/remove";
 // Test-only endpoints of the simulator.
 inline constexpr const char *op_test_dump = "/v1/test/dump";
 inline constexpr const char *op_test_fault = "/v1/test/fault";
+inline constexpr const char *op_test_pull_run = "/v1/test/pull-run";
 
 // Header of peer requests: hex HMAC-SHA256 of the body under the secret.
 inline constexpr const char *hdr_peer_mac = "X-Tarn-Peer-Mac";
@@ -61,6 +67,14 @@ inline constexpr int proto_tls13 = 2;
 // Entries per listing page unless the request asks for fewer.
 inline constexpr uint32_t list_page_max = 1000;
 
+// File data per peer request: base64url makes it 683 KiB, under the
+// gateway's 1 MiB limit on a request body.
+inline constexpr uint32_t peer_chunk_max = 512 * 1024;
+
+// Bits of the pull configuration's flags.
+inline constexpr int pull_flag_remove_source = 1; // remove the source account when done
+inline constexpr int pull_flag_trust = 4;         // fetch through peer requests
+
 // Runtime error codes (positive) used on the wire.
 enum wire_err : int {
     err_perm = 1,
@@ -71,6 +85,7 @@ enum wire_err : int {
     err_auth = 61,
     err_exist = 70,
     err_io = 80,
+    err_timedout = 110,
 };
 
 // The HTTP status that carries a runtime error code (positive; 0 is 200).
@@ -191,6 +206,7 @@ inline std::string base64url_encode(std::string_view in)
 inline bool base64url_decode(std::string_view in, std::string &out)
 {
     out.clear();
+    out.reserve(in.size() / 4 * 3 + 2);
     uint32_t acc = 0;
     int bits = 0;
     for (char c : in) {
