@@ -2,6 +2,7 @@
 // directories and setting their attributes through the cluster tool.
 #include "init_dirs.h"
 #include "mox/mox.h"
+#include "shell_word.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -15,9 +16,10 @@ namespace
 {
 
 struct dir_entry {
-    char *path;     // owned
-    bool encoded;   // gets the erasure-coding attribute; else replicated
-    bool recursive; // "-R" when only reconfiguring
+    char *path;           // owned
+    bool encoded;         // gets the erasure-coding attribute; else replicated
+    bool recursive;       // "-R" when only reconfiguring
+    char *word = nullptr; // owned: the path as one shell word for the commands
 };
 
 const int kDirCount = 8;
@@ -36,12 +38,16 @@ void build_table(dir_table *t, const char *root)
     t->e[5] = {mox_asprintf("%s/var/hosts/", root), false, false};
     t->e[6] = {mox_asprintf("%s/certs/", root), false, true};
     t->e[7] = {mox_asprintf("%s/conf.d/", root), false, true};
+    for (dir_entry &d : t->e)
+        d.word = shell_word(d.path);
 }
 
 void free_table(dir_table *t)
 {
-    for (dir_entry &d : t->e)
+    for (dir_entry &d : t->e) {
         mox_free(d.path);
+        mox_free(d.word);
+    }
 }
 
 // Success only for a shell that ended normally with exit code 0.
@@ -72,23 +78,23 @@ int set_redundancy(const dir_entry &d, const char *flag, int32_t m, int32_t n, i
     mox_loop *back = to_worker();
     if (d.encoded && x >= 0) {
         ok = run_set(d.path, mox_asprintf("quillon -q set-attr %s %s encoding=%i+%i/%i 2>/dev/null",
-                                          flag, d.path, m, n, x));
+                                          flag, d.word, m, n, x));
     } else if (d.encoded) {
         ok = run_set(d.path, mox_asprintf("quillon -q set-attr %s %s encoding=%i+%i 2>/dev/null",
-                                          flag, d.path, m, n));
+                                          flag, d.word, m, n));
     } else {
         ok = run_set(d.path,
-                     mox_asprintf("quillon -A -q set-attr %s mds-storage=0 2>/dev/null", d.path)) &&
+                     mox_asprintf("quillon -A -q set-attr %s mds-storage=0 2>/dev/null", d.word)) &&
              run_set(d.path, mox_asprintf("quillon -A -q set-attr %s map-type=PLAIN 2>/dev/null",
-                                          d.path)) &&
+                                          d.word)) &&
              run_set(d.path, mox_asprintf("quillon -q set-attr %s %s replicas=%d:%d 2>/dev/null",
-                                          flag, d.path, n + 1, n == 0 ? 1 : n));
+                                          flag, d.word, n + 1, n == 0 ? 1 : n));
     }
     mox_co_migrate_from_thread(back);
     if (ok && !d.encoded && nfs) {
         back = to_worker();
         ok = run_set(d.path, mox_asprintf("quillon -q set-attr %s %s mds-storage=1 2>/dev/null",
-                                          flag, d.path));
+                                          flag, d.word));
         mox_co_migrate_from_thread(back);
     }
     if (ok)
@@ -102,10 +108,14 @@ int set_redundancy(const dir_entry &d, const char *flag, int32_t m, int32_t n, i
 int set_attr_list(const dir_entry &d, const char *flag)
 {
     for (attr_node *a = attrs.next; a != &attrs; a = a->next) {
+        // The list holds the administrator's arguments and values read back
+        // from the cluster: either may hold shell syntax.
+        char *word = shell_word(a->attr);
         mox_loop *back = to_worker();
         bool ok =
-            run_set(d.path, mox_asprintf("quillon -A -q set-attr %s %s %s", flag, d.path, a->attr));
+            run_set(d.path, mox_asprintf("quillon -A -q set-attr %s %s %s", flag, d.word, word));
         mox_co_migrate_from_thread(back);
+        mox_free(word);
         if (!ok) {
             mox_log(0, "failed to set '%s' on '%s': %i (%s)", a->attr, d.path, -MOX_EINVAL,
                     mox_strerror(MOX_EINVAL));
@@ -167,9 +177,11 @@ int upgrade_from_root(const char *root, int32_t *m, int32_t *n, int32_t *x)
 {
     MOX_BUG_ON(attrs.next != &attrs, __FILE__, __func__);
     mox_loop *back = to_worker();
+    char *quoted = shell_quoted_inner(root);
     char *command = mox_asprintf("quillon -A -q get-attr '%s' | /bin/grep -E "
                                  "'(encoding|chunk-size|failure-domain|tier)='",
-                                 root);
+                                 quoted);
+    mox_free(quoted);
     mox_config *store = mox_create_config();
     mox_log(2, "getting attributes of '%s': %s", root, command);
     int rc = read_root_attrs(command, store, m, n, x);
