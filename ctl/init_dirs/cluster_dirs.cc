@@ -61,9 +61,19 @@ mox_loop *to_worker()
     return mox_co_migrate_to_thread(mox_process_worker(mox_current_process()));
 }
 
+// True once SIGINT or SIGTERM arrived: no further program is started.
+bool stopping()
+{
+    return mox_signal_held() != 0;
+}
+
 // Logs and runs one set-attr command, which it frees. Runs on the worker.
 bool run_set(const char *path, char *command)
 {
+    if (stopping()) {
+        mox_free(command);
+        return false;
+    }
     mox_log(2, "setting attributes of '%s': %s", path, command);
     bool ok = command_ok(system(command));
     mox_free(command);
@@ -99,6 +109,8 @@ int set_redundancy(const dir_entry &d, const char *flag, int32_t m, int32_t n, i
     }
     if (ok)
         return 0;
+    if (stopping())
+        return -MOX_ECANCELED;
     mox_log(0, "failed to configure encoding/replicas attribute of '%s': %i (%s)", d.path,
             -MOX_EINVAL, mox_strerror(MOX_EINVAL));
     return -MOX_EINVAL;
@@ -116,6 +128,8 @@ int set_attr_list(const dir_entry &d, const char *flag)
             run_set(d.path, mox_asprintf("quillon -A -q set-attr %s %s %s", flag, d.word, word));
         mox_co_migrate_from_thread(back);
         mox_free(word);
+        if (!ok && stopping())
+            return -MOX_ECANCELED;
         if (!ok) {
             mox_log(0, "failed to set '%s' on '%s': %i (%s)", a->attr, d.path, -MOX_EINVAL,
                     mox_strerror(MOX_EINVAL));
@@ -218,38 +232,64 @@ int fes_cluster_dirs_configure(const char *root_dir, int32_t m, int32_t n, int32
         free_table(&t);
         return rc;
     }
+    const char *at = root_dir;
     for (const dir_entry &d : t.e) {
         if (upgrade && strcmp(d.path, root_dir) == 0)
             continue;
-        if ((rc = configure_entry(d, m, n, x, mode, nfs)) != 0)
+        at = d.path;
+        rc = stopping() ? -MOX_ECANCELED : configure_entry(d, m, n, x, mode, nfs);
+        if (rc != 0)
             break;
     }
     // A failed init-dirs leaves no empty directories behind, deepest first.
-    if (rc != 0 && mode == 0 && !upgrade) {
+    bool cleanup = rc != 0 && mode == 0 && !upgrade;
+    if (cleanup) {
         for (int i = kDirCount - 1; i >= 0; i--)
             (void)mox_co_rmdir(t.e[i].path);
     }
+    if (rc == -MOX_ECANCELED)
+        mox_log(0, "stopped by signal %s at '%s'; %s", mox_signal_name(mox_signal_held()), at,
+                cleanup ? "the tree's empty directories are removed"
+                        : "the directories before it keep their new attributes");
     free_table(&t);
     return rc;
 }
 
+namespace
+{
+
+// SIGINT and SIGTERM wait for the running program; the routine then stops
+// as on a failure (init-dirs removing the empty directories) and the run
+// ends with the signal's status instead of the failure report.
+int configure_held(int32_t m, int32_t n, int32_t x, int mode)
+{
+    mox_signal_hold();
+    int rc = fes_cluster_dirs_configure(root_dir, m, n, x, mode);
+    if (int sig = mox_signal_held())
+        mox_signal_exit(sig);
+    mox_signal_release();
+    return rc;
+}
+
+} // namespace
+
 int exec_init_dirs(void)
 {
-    if (fes_cluster_dirs_configure(root_dir, encoding_m, encoding_n, encoding_x, 0) != 0)
+    if (configure_held(encoding_m, encoding_n, encoding_x, 0) != 0)
         mox_fatal("failed to initialise directories for TARN");
     return 0;
 }
 
 int exec_reshape_dirs(void)
 {
-    if (fes_cluster_dirs_configure(root_dir, encoding_m, encoding_n, encoding_x, 1) != 0)
+    if (configure_held(encoding_m, encoding_n, encoding_x, 1) != 0)
         mox_fatal("failed to update parameters of directories under '%s'", root_dir);
     return 0;
 }
 
 int exec_upgrade_dirs(void)
 {
-    if (fes_cluster_dirs_configure(root_dir, -1, 0, 0, 0) != 0)
+    if (configure_held(-1, 0, 0, 0) != 0)
         mox_fatal("failed to upgrade directories under '%s'", root_dir);
     return 0;
 }
