@@ -7,12 +7,10 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <condition_variable>
 #include <gtest/gtest.h>
-#include <mutex>
 #include <netinet/in.h>
+#include <optional>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 using ember_test::cert_client;
@@ -28,61 +26,49 @@ std::string port_of(const Sim &sim)
 }
 
 // A loopback listener that never accepts and never speaks. With `full`, its
-// accept queue is filled first, so a further connect never completes. After
-// five seconds it closes, so a client that ignores its deadline fails with
-// another code instead of hanging.
-class SilentListener
-{
-  public:
+// accept queue is filled first, so a further connect never completes.
+struct SilentListener {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), fillers[2] = {-1, -1};
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+
     explicit SilentListener(bool full)
     {
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t len = sizeof a;
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&a), len), 0);
-        EXPECT_EQ(listen(fd_, full ? 0 : 8), 0);
-        getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len);
-        port_ = ntohs(a.sin_port);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&a), len), 0);
+        EXPECT_EQ(listen(fd, full ? 0 : 8), 0);
+        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
         for (int i = 0; full && i < 2; ++i) {
-            fillers_[i] = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            (void)connect(fillers_[i], reinterpret_cast<sockaddr *>(&a), len);
+            fillers[i] = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            (void)connect(fillers[i], reinterpret_cast<sockaddr *>(&a), len);
         }
-        watchdog_ = std::thread([this] {
-            std::unique_lock<std::mutex> lock(mu_);
-            if (!cv_.wait_for(lock, std::chrono::seconds(5), [this] { return done_; }))
-                shutdown(fd_, SHUT_RDWR);
-        });
     }
     ~SilentListener()
     {
-        {
-            std::lock_guard<std::mutex> lock(mu_);
-            done_ = true;
-        }
-        cv_.notify_all();
-        watchdog_.join();
-        for (int fd : {fd_, fillers_[0], fillers_[1]}) {
-            if (fd >= 0)
-                close(fd);
-        }
+        for (int f : {fd, fillers[0], fillers[1]})
+            close(f);
     }
-    std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
-
-  private:
-    int fd_ = -1, port_ = 0, fillers_[2] = {-1, -1};
-    std::mutex mu_;
-    std::condition_variable cv_;
-    bool done_ = false;
-    std::thread watchdog_;
+    std::string addr() const { return "127.0.0.1:" + std::to_string(ntohs(a.sin_port)); }
 };
 
-int32_t cancel_soon(mox_co *, void *ctx)
+// After `ms`, shuts the silent listener down (fd >= 0) or cancels the
+// call's context: the cancelling case, or a bound on a client that ignores
+// its deadline, which then fails with another code instead of hanging.
+// Woken early, it does nothing.
+struct Watchdog {
+    int fd;
+    mox_context *ctx;
+    int32_t ms;
+};
+
+int32_t watch(mox_co *, void *arg)
 {
-    int32_t ms = 200;
-    mox_co_wait_timeout(&ms);
-    mox_context_cancel(static_cast<mox_context *>(ctx));
+    auto *w = static_cast<Watchdog *>(arg);
+    if (mox_co_wait_timeout(&w->ms) == 0)
+        return 0;
+    if (w->fd >= 0)
+        shutdown(w->fd, SHUT_RDWR);
+    else
+        mox_context_cancel(w->ctx);
     return 0;
 }
 
@@ -121,13 +107,17 @@ TEST(EmberTransport, DeadlinesAndCancellation)
                 sim->fault(R"({"op":"/v1/trust-secret/set","delay_ms":4000})");
             }
             mox_context *ctx = mox_context_alloc();
-            if (tc.stall == Stall::AnswerCancelled)
-                mox_co_create(ctx, cancel_soon, ctx);
-            else
+            if (tc.stall != Stall::AnswerCancelled) {
                 mox_context_set_timeout(ctx, 300);
+            }
+            bool cancel = tc.stall == Stall::AnswerCancelled;
+            Watchdog w{silent ? silent->fd : -1, ctx, cancel ? 200 : 5000};
+            mox_co *dog = mox_co_create(nullptr, watch, &w);
             mox_co_set_ctx(ctx);
             EXPECT_EQ(ember_set_trust_secret(c, "acc", 1, "late"), tc.rc);
             mox_co_set_ctx(nullptr);
+            mox_co_wakeup(dog);
+            mox_co_join(dog);
             mox_context_put(ctx);
             if (at_sim) {
                 char *s = nullptr;
@@ -166,6 +156,8 @@ TEST(EmberTransport, RepeatsOnlyWhatIsSafeToRepeat)
             sim.fault(tc.fault);
             ASSERT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
             mox_free(s);
+            int32_t idle = 200; // the connection idles; a closing gateway has closed it
+            mox_co_wait_timeout(&idle);
             ember_file *f = nullptr;
             EXPECT_EQ(ember_file_open(c, &f, "/acc/f", 0), tc.open_rc);
             EXPECT_EQ(ember_set_trust_secret(c, "acc", 1, "x"), tc.set_rc);
