@@ -2,6 +2,7 @@
 #include "init_dirs/init_dirs.h"
 #include "logmanager/enable_logmanager.h"
 #include "nfs/nfs.h"
+#include "replication/replication.h"
 
 // In the order the words are compared; the first match wins.
 const tarn_command tarn_commands[] = {
@@ -9,6 +10,7 @@ const tarn_command tarn_commands[] = {
     {1, "set-attr", parse_opts_reshape_dirs, [](const char *) { (void)exec_reshape_dirs(); }},
     {2, "upgrade-dirs", parse_opts_upgrade_dirs, [](const char *) { (void)exec_upgrade_dirs(); }},
     {4, "nfs", set_opts_nfs, [](const char *) { (void)exec_nfs(); }},
+    {5, "replication", parse_opts_replication, [](const char *) { (void)exec_replication(); }},
     {6, "enable-logmanager", parse_opts_enable_logmanager,
      [](const char *path) { (void)exec_enable_logmanager(path); }},
 };
