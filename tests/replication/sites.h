@@ -1,45 +1,42 @@
 // Two simulated sites, "dc-a" (master) and "dc-b" (slave), each holding the
-// account "/acc", and the replication command run against them.
+// account "/acc", the replication command run against them, and scenarios:
+// steps that prepare the sites, one run of the tool, and what must follow.
 #pragma once
 
 #include "gateway_sim.h"
 #include "sandbox.h"
 
-#include <boost/json.hpp>
-#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct Sites {
     ember_test::Sim a{"dc-a"}, b{"dc-b"};
-
-    std::string note; // what a row's preparation wants its checks to see
+    std::string note;       // a value a step keeps for the checks ("@NOTE")
+    std::string slave_addr; // where the tool reaches the slave; b's by default
 
     Sites();
-    // Runs "replication" with `master` and `slave` as the sites (the slave
-    // reached at `slave_addr` when given), then `ops`.
+    // Runs "replication" with `master` and `slave` as the sites, then `ops`.
     tarn_test::RunResult run(const std::vector<std::string> &ops, const ember_test::Sim &master,
-                             const ember_test::Sim &slave, const std::string &slave_addr = "");
+                             const ember_test::Sim &slave);
     tarn_test::RunResult run(const std::vector<std::string> &ops) { return run(ops, a, b); }
-    // Writes `files` on the master and enables the account; the run must succeed.
-    void enable(const std::vector<std::string> &files);
-    // A site's state (the simulator's test dump).
-    static boost::json::object dump(const ember_test::Sim &s);
-    // The account's replication secret on a site, "" when it has none.
-    static std::string secret(const ember_test::Sim &s);
+    // One preparation step, e.g. "enable", "write b /acc/x", "fault a {...}",
+    // "tool --detach /acc", "third slave UID" (see sites.cc).
+    void step(const std::string &line);
+    // A value of the sites' state: "secret a", "secret-len b", "replicas a",
+    // "replica b /acc/f1" ("master dc-a", "replica dc-b" or "").
+    std::string query(const std::string &what);
+    // Replaces @A, @B (addresses), @SA, @SB (secrets), @NOTE and @Enn
+    // (strerror(nn)).
+    std::string expand(std::string text);
 };
 
-// One scenario: prepare the sites, run `ops` from dc-a to dc-b, expect the
-// status and a part of standard error ("" for none at all), then check.
-struct OpCase {
+struct Scenario {
     const char *what;
-    std::function<void(Sites &)> prepare;
+    const char *steps; // separated by "; "
     std::vector<std::string> ops;
     int status;
-    std::function<std::string(Sites &)> err;
-    std::function<void(Sites &)> check;
+    const char *err; // a part of standard error; "" for none at all
+    std::vector<std::pair<std::string, std::string>> expect; // query, value
 };
-void run_case(const OpCase &c);
-
-// The runtime's text for a negative code, as the tool prints it: "-8 (not found)".
-std::string err(int rc);
+void run_scenario(const Scenario &sc);
