@@ -1,5 +1,6 @@
 // The replication command's options as a user meets them, through the real
-// binary; no gateway is reached.
+// binary (no gateway is reached), and the path rules its operations apply.
+#include "replication/replication.h"
 #include "sandbox.h"
 
 #include <gtest/gtest.h>
@@ -117,3 +118,18 @@ TEST(ReplicationOpts, Table)
 }
 
 } // namespace
+
+TEST(ReplicationPaths, TemporaryFilesAndAccountPaths)
+{
+    const std::pair<const char *, int> temp[] = {
+        {"/acc/.tmp.1234.xml", 1}, {".tmp.xml", 1},       {"/acc/a.xml", 0},
+        {"/acc/~x.kpa.meta", 1},   {"~x.KPA.meta", 1},    {"/a/~.kpa.meta", 1},
+        {"/acc/x.kpa.meta", 0},    {"/a/~x.Kpa.meta", 0}, {"/acc/.tmp.dir/file.xml", 0},
+        {"/acc/.tmp", 0}};
+    for (const auto &[path, want] : temp)
+        EXPECT_EQ(fes_file_is_temp(path), want) << path;
+    const std::pair<const char *, int> top[] = {{"/acc", 1},  {"/", 1},        {"acc", 0},
+                                                {"/acc/", 0}, {"/acc/sub", 0}, {"", 0}};
+    for (const auto &[path, want] : top)
+        EXPECT_EQ(is_toplevel_dir(path), want) << path;
+}
