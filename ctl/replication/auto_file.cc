@@ -28,7 +28,7 @@ const char *root_dir()
     return root;
 }
 
-void persist_failed(const char *tmp, int rc)
+void check_persist(const char *tmp, int rc)
 {
     if (rc != 0)
         mox_fatal("failed to persist '%s': %i (%s)", tmp, rc, strerror(-rc));
@@ -56,9 +56,9 @@ void replication_auto(const replication_command *rc)
                   strerror(static_cast<int>(-n)));
     if (static_cast<size_t>(n) != len)
         mox_fatal("failed to write '%s': incomplete write", tmp);
-    persist_failed(tmp, mox_co_file_sync(file, 0));
-    persist_failed(tmp, mox_co_file_close(file));
-    persist_failed(tmp, mox_co_file_rename(tmp, path));
+    check_persist(tmp, mox_co_file_sync(file, 0));
+    check_persist(tmp, mox_co_file_close(file));
+    check_persist(tmp, mox_co_file_rename(tmp, path));
     mox_free(content);
     mox_free(tmp);
     mox_free(path);
