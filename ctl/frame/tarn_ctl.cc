@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "mox/mox.h"
+#include "progress.h"
 
 #include <cerrno>
 #include <csignal>
@@ -135,6 +136,7 @@ void tarn_ctl_main(int argc, char **argv)
             usage();
         case 'd':
             __mox_log_level = static_cast<int32_t>(strtol(optarg, nullptr, 10));
+            log_level_given = true;
             break;
         case 'h':
             usage();

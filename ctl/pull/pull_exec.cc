@@ -1,6 +1,7 @@
 // The pull command's executor: the queue in command-line order, pulls of
 // every account of a source gateway, and the on-demand-only switch.
 #include "ember/ar_io.h"
+#include "frame/progress.h"
 #include "mox/mox.h"
 #include "pull.h"
 
@@ -62,6 +63,8 @@ void pull_all_accounts(const pull_command *c)
         if (rc < 0)
             listing_failed(c, rc);
     }
+    tarn_progress progress;
+    tarn_progress_begin(&progress, "pull of all accounts", "accounts", 0);
     while (rc > 0) {
         step_deadline step;
         pull_command account = {};
@@ -72,10 +75,12 @@ void pull_all_accounts(const pull_command *c)
         account.account = account.new_name = cursor->name;
         mox_log(2, "%s", cursor->name);
         pull_account(client, &account);
+        tarn_progress_step(&progress);
         rc = dir->ops->read_next(dir, cursor, 0);
         if (rc < 0)
             listing_failed(c, rc);
     }
+    tarn_progress_end(&progress);
     if (cursor != nullptr)
         dir->ops->release_entry(dir, cursor);
     ar_io_dir_put(dir);

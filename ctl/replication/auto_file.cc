@@ -21,7 +21,9 @@ const char *root_dir()
                   config_path);
     const char *root = nullptr;
     int rc = mox_config_getstr_expand(config, "root_dir", &root);
-    if (rc != 0 || root == nullptr)
+    if (rc == 0 && (root == nullptr || *root == '\0'))
+        rc = -MOX_ENOENT; // an empty root would write under "/conf.d"
+    if (rc != 0)
         mox_fatal("--auto needs the gateway configuration: cannot read 'root_dir' from '%s': %i "
                   "(%s)",
                   config_path, rc, mox_strerror(-rc));

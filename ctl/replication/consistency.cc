@@ -4,6 +4,7 @@
 // deviation ends the program; nothing is changed on either site.
 #include "ember/ar_io.h"
 #include "fes_utils/fes_utils.h"
+#include "frame/progress.h"
 #include "mox/mox.h"
 #include "replication/replication.h"
 
@@ -101,10 +102,13 @@ void check_slave_files(ember_client *slave, ember_client *master, const char *ac
     if (rc != 0)
         mox_fatal("failed to list files in '%s' on slave: %i (%s)", account, rc, strerror(-rc));
     const site_check chk{"slave", false, master_uid};
+    tarn_progress progress;
+    tarn_progress_begin(&progress, "check of the slave", "files", 0);
     for (mox_list *l = files.next; l != &files; l = l->next) {
         const dirlist_entry *e = dirlist_entry_of(l);
         if ((e->mode & FES_MODE_TYPE) != FES_MODE_REG)
             continue;
+        tarn_progress_step(&progress);
         check_file(slave, e->path, chk);
         ember_file *file = nullptr;
         rc = ember_file_open(master, &file, e->path, 0);
@@ -116,6 +120,7 @@ void check_slave_files(ember_client *slave, ember_client *master, const char *ac
             mox_fatal("failed to close file '%s' on master: %i (%s)", e->path, rc,
                       mox_strerror(-rc));
     }
+    tarn_progress_end(&progress);
     free_dirlist_entries(&files);
 }
 
@@ -133,7 +138,7 @@ void replication_check_consistency(const char *account)
         mox_fatal("replication secrets are inequal on master and slave, master: '%s', slave: '%s'",
                   master_secret, slave_secret);
     replication_walk(master, account, "failed to list files in '%s' on master: %i (%s)",
-                     check_master_file, nullptr);
+                     check_master_file, nullptr, "check of the master");
     check_slave_files(slave, master, account);
     ember_client_put(slave);
     ember_client_put(master);

@@ -72,8 +72,9 @@ ember_client *make_ember_client(const char *address, const char *cert, const cha
 // order. A listing failure ends the program with `list_msg` (account, code,
 // system text), a failing call with whatever `fn` reports. Suspends.
 typedef void (*replication_file_fn)(ember_client *client, const char *path, void *arg);
+// `what` names the operation in the progress lines that -d 2 asks for.
 void replication_walk(ember_client *client, const char *account, const char *list_msg,
-                      replication_file_fn fn, void *arg);
+                      replication_file_fn fn, void *arg, const char *what);
 
 // Enable, disable, detach, switch-to-slave, join-slave and the consistency
 // check of one account; each ends the program on failure. Suspend.

@@ -2,6 +2,7 @@
 // file walk, and the operations that switch replication per file.
 #include "ember/ar_io.h"
 #include "fes_utils/fes_utils.h"
+#include "frame/progress.h"
 #include "mox/mox.h"
 #include "replication/replication.h"
 #include "utils/secret.h"
@@ -165,7 +166,7 @@ ember_client *make_ember_client(const char *address, const char *cert, const cha
 }
 
 void replication_walk(ember_client *client, const char *account, const char *list_msg,
-                      replication_file_fn fn, void *arg)
+                      replication_file_fn fn, void *arg, const char *what)
 {
     ar_io_dir *dir = nullptr;
     mox_list files;
@@ -177,12 +178,24 @@ void replication_walk(ember_client *client, const char *account, const char *lis
     }
     if (rc != 0)
         mox_fatal(list_msg, account, rc, strerror(-rc));
+    auto wanted = [](const dirlist_entry *e) {
+        return (e->mode & FES_MODE_TYPE) == FES_MODE_REG && !fes_file_is_temp(e->path);
+    };
+    uint64_t total = 0;
+    for (mox_list *l = files.next; l != &files; l = l->next)
+        total += wanted(dirlist_entry_of(l));
+    char *label = mox_asprintf("%s of '%s'", what, account);
+    tarn_progress progress;
+    tarn_progress_begin(&progress, label, "files", total);
     for (mox_list *l = files.next; l != &files; l = l->next) {
         dirlist_entry *e = dirlist_entry_of(l);
-        if ((e->mode & FES_MODE_TYPE) != FES_MODE_REG || fes_file_is_temp(e->path))
+        if (!wanted(e))
             continue;
         fn(client, e->path, arg);
+        tarn_progress_step(&progress);
     }
+    tarn_progress_end(&progress);
+    mox_free(label);
     free_dirlist_entries(&files);
 }
 
@@ -201,8 +214,8 @@ void replication_enable(const char *account)
     set_secret(master, account, secret, master_addr);
     set_secret(slave, account, secret, slave_addr);
     mox_free(secret);
-    replication_walk(master, account, "failed to list files in '%s': %i (%s)", enable_file,
-                     nullptr);
+    replication_walk(master, account, "failed to list files in '%s': %i (%s)", enable_file, nullptr,
+                     "enable");
     ember_client_put(slave);
     ember_client_put(master);
 }
@@ -213,7 +226,7 @@ void replication_disable(const char *account)
     ember_client *master = master_client();
     ember_client *slave = slave_client();
     replication_walk(master, account, "failed to list files in '%s': %i (%s)", disable_file,
-                     nullptr);
+                     nullptr, "disable");
     const char *msg = "failed to clear the secret string for account '%s' on host %s: %i (%s)";
     int rc = ember_set_trust_secret(slave, account_name(account), kSecretKind, "");
     if (rc != 0 && force)
@@ -235,7 +248,8 @@ void replication_detach(const char *account)
     if (rc != 0)
         mox_fatal("failed to clear the secret string for file '%s' on host %s: %i (%s)", account,
                   slave_addr, rc, mox_strerror(-rc));
-    replication_walk(slave, account, "failed to list files in '%s': %i (%s)", detach_file, nullptr);
+    replication_walk(slave, account, "failed to list files in '%s': %i (%s)", detach_file, nullptr,
+                     "detach");
     ember_client_put(slave);
 }
 
@@ -245,7 +259,7 @@ void replication_switch_to_slave(const char *account)
     ember_client *master = master_client();
     char *secret = query_secret(master, account, master_addr);
     replication_walk(master, account, "failed to list files in '%s' on master: %i (%s)",
-                     switch_file, nullptr);
+                     switch_file, nullptr, "switch-to-slave");
     ember_client_put(master);
     mox_free(secret);
 }
@@ -258,7 +272,7 @@ void replication_join_slave(const char *account)
     char *secret = query_secret(slave, account, slave_addr);
     set_secret(master, account, secret, master_addr);
     replication_walk(master, account, "failed to list files in '%s' on master: %i (%s)", join_file,
-                     nullptr);
+                     nullptr, "join-slave");
     ember_client_put(master);
     ember_client_put(slave);
     mox_free(secret);

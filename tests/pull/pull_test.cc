@@ -235,7 +235,7 @@ TEST(Pull, AllAccountsInInfoFileModeStopsAtTheFirstFailure)
 TEST(Pull, AllAccountsListsEveryPage)
 {
     PullEnv env;
-    const int n = 2001; // three listing pages
+    const int n = 2001;      // three listing pages
     env.timeout_ms = 240000; // a TLS handshake per account, ten times slower under TSan
     for (int i = 0; i < n; i++)
         env.src.mkdir("/acc" + std::to_string(i));
@@ -275,6 +275,8 @@ TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
                       7);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.err.find(" D JWT for pull:\n"), std::string::npos);
+    // -d asked for progress: the pull of all accounts ends with its summary.
+    EXPECT_NE(r.err.find(" I pull of all accounts: 2 accounts in "), std::string::npos) << r.err;
     auto pulls = dump(env.dst)["pulls"].as_object();
     for (auto [src_name, dst_name] :
          {std::pair{"acc", "new"}, {"acc", "acc"}, {"other", "other"}}) {
@@ -327,6 +329,8 @@ TEST(Pull, CommandsRunInCommandLineOrder)
         << r.err;
     for (const char *a : {"a2", "a", "c"})
         EXPECT_TRUE(std::filesystem::exists(env.acc(a, ".info"))) << a;
+    // At the default level the commands' own lines stand alone.
+    EXPECT_EQ(r.err.find("pull of all accounts"), std::string::npos) << r.err;
     EXPECT_EQ(text(dump(env.dst)["ondemand"].as_object()["b"]), "1");
 }
 
