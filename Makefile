@@ -1,5 +1,5 @@
 # Entry points; the work is done by scripts/ and the CMake presets.
-.PHONY: build test test-asan test-tsan demo bench clean
+.PHONY: build test test-asan test-tsan demo sandbox bench clean
 
 build:
 	scripts/install-deps
@@ -16,6 +16,13 @@ test-tsan:
 
 demo:
 	scripts/demo
+
+# A rehearsal sandbox in SANDBOX (default build/sandbox); docs/sandbox.md.
+SANDBOX ?= build/sandbox
+sandbox:
+	scripts/install-deps
+	scripts/build dev
+	scripts/sandbox start $(SANDBOX)
 
 bench:
 	scripts/install-deps

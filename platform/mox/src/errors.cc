@@ -54,6 +54,16 @@ const char *mox_strerror(int code)
         return "I/O error";
     case MOX_ETIMEDOUT:
         return "timed out";
+    // The gateway client hands transport failures back as negated errno
+    // values; the ones it produces get their own words.
+    case ECONNRESET:
+        return "connection reset by peer";
+    case ECONNREFUSED:
+        return "connection refused";
+    case EHOSTUNREACH:
+        return "host unreachable";
+    case ECANCELED:
+        return "cancelled";
     default:
         return "unknown error";
     }
