@@ -41,10 +41,11 @@ class SimHandler : public ::testing::Test
         return json::parse(res.body).as_object();
     }
     // An RS256 token with the given claims, signed with the trusted key.
-    std::string token(const json::object &claims)
+    std::string token(const json::object &claims,
+                      const std::string &header = R"({"alg":"RS256","typ":"JWT"})")
     {
-        std::string in = p::base64url_encode(R"({"alg":"RS256","typ":"JWT"})") + "." +
-                         p::base64url_encode(json::serialize(claims));
+        std::string in =
+            p::base64url_encode(header) + "." + p::base64url_encode(json::serialize(claims));
         EVP_MD_CTX *md = EVP_MD_CTX_new();
         size_t len = 512;
         unsigned char sig[512];
@@ -106,6 +107,83 @@ TEST_F(SimHandler, TokensAreCheckedForExpiryAndGrants)
         gwsim::request req{p::op_secret_set, R"({"account":"acc","kind":1,"secret":"s"})", false,
                            token(claims), ""};
         EXPECT_EQ(json::parse(gwsim::handle_request(st, req).body).at("error"), r.error) << r.grant;
+    }
+}
+
+// Conditions the gateway cannot honour refuse the token.
+TEST_F(SimHandler, TokensWithConditions)
+{
+    const char *plain = R"({"alg":"RS256","typ":"JWT"})";
+    struct {
+        const char *header;
+        const char *nbf; // JSON, or null for none
+        int error;
+    } rows[] = {
+        {plain, nullptr, 0},
+        {plain, "-60", 0},
+        {plain, "60", p::err_auth}, // not valid yet
+        {plain, R"("0")", p::err_auth},
+        {R"({"alg":"RS256","typ":"JWT","crit":["exp"]})", nullptr, p::err_auth},
+        {R"({"alg":"RS256","typ":"JWT","crit":[]})", nullptr, p::err_auth},
+    };
+    for (auto &r : rows) {
+        json::object claims{{"aud", "self"}, {"exp", time(nullptr) + 60}};
+        claims["grants"] = json::array{json::object{{"path", "/"}, {"mask", 7}}};
+        if (r.nbf) {
+            json::value nbf = json::parse(r.nbf);
+            claims["nbf"] = nbf.is_int64() ? json::value(time(nullptr) + nbf.as_int64()) : nbf;
+        }
+        gwsim::request req{p::op_dir_stat, R"({"path":"/acc"})", false, token(claims, r.header),
+                           ""};
+        EXPECT_EQ(json::parse(gwsim::handle_request(st, req).body).at("error"), r.error)
+            << r.header << " " << (r.nbf ? r.nbf : "");
+    }
+}
+
+TEST_F(SimHandler, MalformedNamesAndSecrets)
+{
+    struct {
+        const char *op, *body;
+        int error;
+    } rows[] = {
+        {p::op_secret_set, R"({"account":"acc","kind":1,"secret":"s"})", 0},
+        {p::op_secret_set, R"({"account":"acc","kind":1})", p::err_inval},
+        {p::op_secret_set, R"({"account":"acc","kind":1,"secret":7})", p::err_inval},
+        {p::op_secret_get, R"({"account":"acc","kind":1})", 0}, // still there
+        {p::op_secret_set, R"({"account":"acc","kind":1,"secret":""})", 0},
+        {p::op_secret_get, R"({"account":"acc","kind":1})", p::err_noent},
+        {p::op_secret_get, R"({"account":"..","kind":1})", p::err_inval},
+        {p::op_pull_configure, R"({"account":"..","src":"h:1","secret":"s","flags":4})",
+         p::err_inval},
+        {p::op_pull_configure, R"({"account":".","src":"h:1","secret":"s","flags":4})",
+         p::err_inval},
+        {p::op_pull_configure,
+         R"({"account":"n","src":"h:1","src_account":"..","secret":"s","flags":4})", p::err_inval},
+        {p::op_pull_ondemand, R"({"account":".","value":1})", p::err_inval},
+        {p::op_test_pull_run, R"({"account":".."})", p::err_inval},
+        {p::op_peer_pull_list, R"({"account":".."})", p::err_inval},
+        {p::op_dir_stat, R"({"path":"/acc\u0000x"})", p::err_inval},
+    };
+    for (auto &r : rows)
+        EXPECT_EQ(run(r.op, r.body)["error"], r.error) << r.op << " " << r.body;
+    EXPECT_TRUE(st.pulls.empty());
+}
+
+// Abandoned listings make room for new ones oldest first; ids count up.
+TEST_F(SimHandler, OldestListingIsDropped)
+{
+    for (const char *f : {"/acc/a", "/acc/b"})
+        std::ofstream(st.root + f) << "x";
+    st.next_id = 9; // "10" sorts before "9" as text
+    for (int i = 0; i < 65; i++)
+        ASSERT_EQ(run(p::op_dir_list, R"({"path":"/acc","limit":1})")["error"], 0);
+    struct {
+        const char *id;
+        int error;
+    } rows[] = {{"9", p::err_noent}, {"10", 0}, {"73", 0}};
+    for (auto &r : rows) {
+        std::string next = std::string(R"({"path":"/acc","offset":1,"listing":")") + r.id + "\"}";
+        EXPECT_EQ(run(p::op_dir_list, next)["error"], r.error) << r.id;
     }
 }
 
@@ -224,6 +302,16 @@ TEST_F(SimHandler, FaultsMatchOperationAndPath)
     EXPECT_EQ(run(p::op_test_fault, R"({"op":"/v1/dir/stat","error":9,"count":1})")["error"], 0);
     EXPECT_EQ(run(p::op_dir_stat, R"({"path":"/acc"})")["error"], p::err_notdir);
     EXPECT_EQ(run(p::op_dir_stat, R"({"path":"/acc"})")["error"], 0);
+    const char *refused[] = {
+        R"({"op":"/v1/test/fault","error":80})", // could never be cleared
+        R"({"op":"/v1/dir/stat","delay_ms":-1})",
+        R"({"op":"/v1/dir/stat","delay_ms":600001})",
+        R"({"op":"/v1/dir/stat","error":9,"count":-1})",
+        R"({"op":"/v1/dir/stat","error":9,"count":4294967297})",
+    };
+    for (const char *body : refused)
+        EXPECT_EQ(run(p::op_test_fault, body)["error"], p::err_inval) << body;
+    EXPECT_TRUE(st.faults.empty());
 }
 
 } // namespace
