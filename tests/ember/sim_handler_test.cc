@@ -113,78 +113,62 @@ TEST_F(SimHandler, TokensAreCheckedForExpiryAndGrants)
 // Conditions the gateway cannot honour refuse the token.
 TEST_F(SimHandler, TokensWithConditions)
 {
-    const char *plain = R"({"alg":"RS256","typ":"JWT"})";
-    struct {
-        const char *header;
-        const char *nbf; // JSON, or null for none
-        int error;
-    } rows[] = {
-        {plain, nullptr, 0},
-        {plain, "-60", 0},
-        {plain, "60", p::err_auth}, // not valid yet
-        {plain, R"("0")", p::err_auth},
-        {R"({"alg":"RS256","typ":"JWT","crit":["exp"]})", nullptr, p::err_auth},
-        {R"({"alg":"RS256","typ":"JWT","crit":[]})", nullptr, p::err_auth},
+    json::object claims{{"aud", "self"}, {"exp", time(nullptr) + 60}};
+    claims["grants"] = json::array{json::object{{"path", "/"}, {"mask", 7}}};
+    auto with_nbf = [&](json::value nbf) {
+        json::object c = claims;
+        c["nbf"] = nbf;
+        return token(c);
     };
-    for (auto &r : rows) {
-        json::object claims{{"aud", "self"}, {"exp", time(nullptr) + 60}};
-        claims["grants"] = json::array{json::object{{"path", "/"}, {"mask", 7}}};
-        if (r.nbf) {
-            json::value nbf = json::parse(r.nbf);
-            claims["nbf"] = nbf.is_int64() ? json::value(time(nullptr) + nbf.as_int64()) : nbf;
-        }
-        gwsim::request req{p::op_dir_stat, R"({"path":"/acc"})", false, token(claims, r.header),
-                           ""};
-        EXPECT_EQ(json::parse(gwsim::handle_request(st, req).body).at("error"), r.error)
-            << r.header << " " << (r.nbf ? r.nbf : "");
+    std::pair<std::string, int> rows[] = {
+        {with_nbf(time(nullptr) - 60), 0},
+        {with_nbf(time(nullptr) + 60), p::err_auth}, // not valid yet
+        {with_nbf("0"), p::err_auth},
+        {token(claims, R"({"alg":"RS256","typ":"JWT","crit":[]})"), p::err_auth},
+    };
+    for (auto &[bearer, error] : rows) {
+        gwsim::request req{p::op_dir_stat, R"({"path":"/acc"})", false, bearer, ""};
+        EXPECT_EQ(json::parse(gwsim::handle_request(st, req).body).at("error"), error) << bearer;
     }
 }
 
-TEST_F(SimHandler, MalformedNamesAndSecrets)
+TEST_F(SimHandler, MalformedRequestsChangeNothing)
 {
-    struct {
-        const char *op, *body;
-        int error;
-    } rows[] = {
-        {p::op_secret_set, R"({"account":"acc","kind":1,"secret":"s"})", 0},
-        {p::op_secret_set, R"({"account":"acc","kind":1})", p::err_inval},
-        {p::op_secret_set, R"({"account":"acc","kind":1,"secret":7})", p::err_inval},
-        {p::op_secret_get, R"({"account":"acc","kind":1})", 0}, // still there
-        {p::op_secret_set, R"({"account":"acc","kind":1,"secret":""})", 0},
-        {p::op_secret_get, R"({"account":"acc","kind":1})", p::err_noent},
-        {p::op_secret_get, R"({"account":"..","kind":1})", p::err_inval},
-        {p::op_pull_configure, R"({"account":"..","src":"h:1","secret":"s","flags":4})",
-         p::err_inval},
-        {p::op_pull_configure, R"({"account":".","src":"h:1","secret":"s","flags":4})",
-         p::err_inval},
-        {p::op_pull_configure,
-         R"({"account":"n","src":"h:1","src_account":"..","secret":"s","flags":4})", p::err_inval},
-        {p::op_pull_ondemand, R"({"account":".","value":1})", p::err_inval},
-        {p::op_test_pull_run, R"({"account":".."})", p::err_inval},
-        {p::op_peer_pull_list, R"({"account":".."})", p::err_inval},
-        {p::op_dir_stat, R"({"path":"/acc\u0000x"})", p::err_inval},
+    std::pair<const char *, const char *> rows[] = {
+        {p::op_secret_set, R"({"account":"acc","kind":1})"},
+        {p::op_secret_set, R"({"account":"acc","kind":1,"secret":7})"},
+        {p::op_secret_get, R"({"account":"..","kind":1})"},
+        {p::op_pull_configure, R"({"account":"..","src":"h:1","secret":"s","flags":4})"},
+        {p::op_pull_configure, R"({"account":".","src":"h:1","secret":"s","flags":4})"},
+        {p::op_pull_configure, R"({"account":"n","src":"h:1","src_account":"..","secret":"s"})"},
+        {p::op_pull_ondemand, R"({"account":".","value":1})"},
+        {p::op_peer_pull_list, R"({"account":".."})"},
+        {p::op_test_fault, R"({"op":"/v1/test/fault","error":80})"}, // could never be cleared
+        {p::op_test_fault, R"({"op":"/v1/dir/stat","delay_ms":-1})"},
+        {p::op_test_fault, R"({"op":"/v1/dir/stat","delay_ms":600001})"},
+        {p::op_test_fault, R"({"op":"/v1/dir/stat","error":9,"count":4294967297})"},
     };
-    for (auto &r : rows)
-        EXPECT_EQ(run(r.op, r.body)["error"], r.error) << r.op << " " << r.body;
-    EXPECT_TRUE(st.pulls.empty());
+    st.secrets["acc"][1] = "s";
+    for (auto &[op, body] : rows)
+        EXPECT_EQ(run(op, body)["error"], p::err_inval) << op << " " << body;
+    EXPECT_EQ(st.secrets["acc"][1], "s");
+    EXPECT_TRUE(st.pulls.empty() && st.ondemand.empty() && st.faults.empty());
 }
 
-// Abandoned listings make room for new ones oldest first; ids count up.
+// Abandoned listings make room for new ones oldest first.
 TEST_F(SimHandler, OldestListingIsDropped)
 {
-    for (const char *f : {"/acc/a", "/acc/b"})
-        std::ofstream(st.root + f) << "x";
+    std::ofstream(st.root + "/acc/a") << "x";
+    std::ofstream(st.root + "/acc/b") << "x";
     st.next_id = 9; // "10" sorts before "9" as text
     for (int i = 0; i < 65; i++)
         ASSERT_EQ(run(p::op_dir_list, R"({"path":"/acc","limit":1})")["error"], 0);
-    struct {
-        const char *id;
-        int error;
-    } rows[] = {{"9", p::err_noent}, {"10", 0}, {"73", 0}};
-    for (auto &r : rows) {
-        std::string next = std::string(R"({"path":"/acc","offset":1,"listing":")") + r.id + "\"}";
-        EXPECT_EQ(run(p::op_dir_list, next)["error"], r.error) << r.id;
-    }
+    std::pair<const char *, int> rows[] = {{"9", p::err_noent}, {"10", 0}};
+    for (auto &[id, error] : rows)
+        EXPECT_EQ(run(p::op_dir_list, std::string(R"({"path":"/acc","offset":1,"listing":")") + id +
+                                          "\"}")["error"],
+                  error)
+            << id;
 }
 
 // Symbolic links are entries of their own, never a way out of an account.
@@ -302,16 +286,6 @@ TEST_F(SimHandler, FaultsMatchOperationAndPath)
     EXPECT_EQ(run(p::op_test_fault, R"({"op":"/v1/dir/stat","error":9,"count":1})")["error"], 0);
     EXPECT_EQ(run(p::op_dir_stat, R"({"path":"/acc"})")["error"], p::err_notdir);
     EXPECT_EQ(run(p::op_dir_stat, R"({"path":"/acc"})")["error"], 0);
-    const char *refused[] = {
-        R"({"op":"/v1/test/fault","error":80})", // could never be cleared
-        R"({"op":"/v1/dir/stat","delay_ms":-1})",
-        R"({"op":"/v1/dir/stat","delay_ms":600001})",
-        R"({"op":"/v1/dir/stat","error":9,"count":-1})",
-        R"({"op":"/v1/dir/stat","error":9,"count":4294967297})",
-    };
-    for (const char *body : refused)
-        EXPECT_EQ(run(p::op_test_fault, body)["error"], p::err_inval) << body;
-    EXPECT_TRUE(st.faults.empty());
 }
 
 } // namespace
