@@ -19,6 +19,14 @@ namespace
 // when this many are held.
 const size_t listings_max = 64;
 
+// Ids are decimal counts without leading zeros: the shorter one, or else
+// the one first in text order, is the older.
+bool older_id(const std::pair<const std::string, listing> &a,
+              const std::pair<const std::string, listing> &b)
+{
+    return a.first.size() != b.first.size() ? a.first.size() < b.first.size() : a.first < b.first;
+}
+
 bool account_exists(const state &st, const std::string &account)
 {
     std::string local;
@@ -86,11 +94,13 @@ int op_secret_set(state &st, const json::object &o, json::object &)
         return p::err_inval;
     if (!account_exists(st, account))
         return p::err_noent;
-    std::string secret = field(o, "secret");
-    if (secret.empty())
+    const json::value *secret = o.if_contains("secret");
+    if (!secret || !secret->is_string())
+        return p::err_inval; // a clear asks for it with ""
+    if (secret->as_string().empty())
         st.secrets[account].erase(kind);
     else
-        st.secrets[account][kind] = secret;
+        st.secrets[account][kind] = std::string(secret->as_string());
     return 0;
 }
 
@@ -180,7 +190,7 @@ int op_dir_list(state &st, const json::object &o, json::object &out)
         if (int rc = read_listing(local, l); rc != 0)
             return rc;
         if (st.listings.size() >= listings_max)
-            st.listings.erase(st.listings.begin());
+            st.listings.erase(std::min_element(st.listings.begin(), st.listings.end(), older_id));
         id = std::to_string(st.next_id++);
         st.listings[id] = std::move(l);
     }

@@ -95,54 +95,86 @@ bool names_well_formed(const json::object &o)
     return true;
 }
 
+// Account names are one component of a path.
+bool account_names_ok(const json::object &o)
+{
+    for (const char *f : {"account", "src_account"}) {
+        std::string name = field(o, f);
+        if (name == "." || name == ".." ||
+            name.find_first_of(std::string_view("/\0", 2)) != name.npos)
+            return false;
+    }
+    return true;
+}
+
 response answer(int code, json::object body)
 {
     body["error"] = code;
     return {p::status_for_err(code), json::serialize(body)};
 }
 
+const int unknown_target = -1;
+
+// Checks a request up to its operation: 0 with the parsed body and its
+// route (null for a peer request, whose MAC its operation checks);
+// unknown_target; or the error code to answer.
+int admit(const state &st, const request &req, json::value &body, const route *&r)
+{
+    boost::system::error_code ec;
+    body = json::parse(req.body, ec);
+    if (ec || !body.is_object())
+        return p::err_malformed;
+    const json::object &o = body.as_object();
+    if (!names_well_formed(o) || !account_names_ok(o))
+        return p::err_inval;
+    r = nullptr;
+    if (peer_op(req.target))
+        return 0;
+    for (const route &candidate : routes)
+        if (req.target == candidate.target)
+            r = &candidate;
+    if (!r)
+        return unknown_target;
+    std::string path = "/";
+    if (r->on == scope::account)
+        path += field(o, "account");
+    else if (r->on == scope::path)
+        path = field(o, "path");
+    return authorize(st, req, *r, path, needed_bits(*r, o));
+}
+
 } // namespace
 
 response handle_request(state &st, const request &req)
 {
-    boost::system::error_code ec;
-    json::value v = json::parse(req.body, ec);
-    if (ec || !v.is_object())
-        return answer(p::err_malformed, {});
-    const json::object &o = v.as_object();
-    if (!names_well_formed(o))
-        return answer(p::err_inval, {});
-    if (peer_fn fn = peer_op(req.target)) {
-        json::object out;
-        int rc = req.fault_error ? req.fault_error : fn(st, o, req.body, req.peer_mac, out);
-        return answer(rc, rc == 0 ? std::move(out) : json::object{});
-    }
-    for (const route &r : routes) {
-        if (req.target != r.target)
-            continue;
-        std::string path = "/";
-        if (r.on == scope::account)
-            path += field(o, "account");
-        else if (r.on == scope::path)
-            path = field(o, "path");
-        int rc = authorize(st, req, r, path, needed_bits(r, o));
-        if (rc != 0)
-            return answer(rc, {});
-        int fault_error = req.fault_error;
-        if (fault f; !req.faults_taken && take_fault(st, req.target, req.body, f))
-            fault_error = f.error;
-        if (fault_error)
-            return answer(fault_error, {});
-        json::object out;
-        rc = r.fn(st, o, out);
-        return answer(rc, rc == 0 ? std::move(out) : json::object{});
-    }
-    return {404, json::serialize(json::object{{"error", p::err_inval}})};
+    json::value body;
+    const route *r = nullptr;
+    int rc = admit(st, req, body, r);
+    if (rc == unknown_target)
+        return {404, json::serialize(json::object{{"error", p::err_inval}})};
+    if (rc != 0)
+        return answer(rc, {});
+    int fault_error = req.fault_error;
+    if (fault f; !req.faults_taken && take_fault(st, req.target, req.body, f))
+        fault_error = f.error;
+    if (fault_error)
+        return answer(fault_error, {});
+    const json::object &o = body.as_object();
+    json::object out;
+    rc = r ? r->fn(st, o, out) : peer_op(req.target)(st, o, req.body, req.peer_mac, out);
+    return answer(rc, rc == 0 ? std::move(out) : json::object{});
+}
+
+bool take_request_fault(state &st, const request &req, fault &out)
+{
+    json::value body;
+    const route *r = nullptr;
+    return admit(st, req, body, r) == 0 && take_fault(st, req.target, req.body, out);
 }
 
 bool take_fault(state &st, const std::string &target, const std::string &body, fault &out)
 {
-    if (st.faults.empty())
+    if (st.faults.empty() || target == p::op_test_fault)
         return false;
     boost::system::error_code ec;
     json::value v = json::parse(body, ec);

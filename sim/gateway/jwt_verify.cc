@@ -88,11 +88,15 @@ int verify_jwt(const state &st, const std::string &token,
     json::value h = json::parse(header, ec1), c = json::parse(payload, ec2);
     if (ec1 || ec2 || !h.is_object() || !c.is_object())
         return p::err_auth;
-    if (!signed_by_trusted(st, field(h.as_object(), "alg"), token.substr(0, d2), sig))
+    // No extension is understood, so one marked critical cannot be honoured.
+    if (h.as_object().contains("crit") ||
+        !signed_by_trusted(st, field(h.as_object(), "alg"), token.substr(0, d2), sig))
         return p::err_auth;
     const json::object &claims = c.as_object();
     std::string aud = field(claims, "aud");
-    if (int_field(claims, "exp") <= time(nullptr) || (aud != "self" && aud != st.uid))
+    const json::value *nbf = claims.if_contains("nbf");
+    if (int_field(claims, "exp") <= time(nullptr) || (aud != "self" && aud != st.uid) ||
+        (nbf && (!nbf->is_int64() || nbf->as_int64() > time(nullptr))))
         return p::err_auth;
     const json::value *list = claims.if_contains("grants");
     if (!list || !list->is_array())

@@ -16,7 +16,8 @@ namespace
 const char usage[] =
     "usage: tarn-gateway-sim --listen ADDR --cert PEM --key PEM --uid UID --data DIR\n"
     "                        [--client-ca PEM] [--jwt-key PEM]... [--peer UID=ADDR]...\n"
-    "                        [--peer-timeout MS] [--pull-on-configure]\n";
+    "                        [--peer-timeout MS] [--pull-on-configure]\n"
+    "                        [--handshake-timeout MS] [--idle-timeout MS] [--max-connections N]\n";
 
 // A public key from a PEM certificate or public key file.
 EVP_PKEY *load_public_key(const char *path)
@@ -42,6 +43,19 @@ EVP_PKEY *load_public_key(const char *path)
     exit(2);
 }
 
+// A number from `lo` to `hi`, or the end of the program.
+long number(const char *arg, long lo, long hi)
+{
+    char *end = nullptr;
+    long n = strtol(arg, &end, 10);
+    if (!*arg || *end || n < lo || n > hi) {
+        fprintf(stderr, "tarn-gateway-sim: expected a number from %ld to %ld, got '%s'\n", lo, hi,
+                arg);
+        exit(2);
+    }
+    return n;
+}
+
 struct options {
     std::string listen, cert, key, client_ca;
 };
@@ -58,6 +72,9 @@ void parse(int argc, char **argv, gwsim::server &srv, options &opt)
                                              {"peer", required_argument, nullptr, 'p'},
                                              {"peer-timeout", required_argument, nullptr, 't'},
                                              {"pull-on-configure", no_argument, nullptr, 'P'},
+                                             {"handshake-timeout", required_argument, nullptr, 'h'},
+                                             {"idle-timeout", required_argument, nullptr, 'i'},
+                                             {"max-connections", required_argument, nullptr, 'm'},
                                              {nullptr, 0, nullptr, 0}};
     int c;
     while ((c = getopt_long(argc, argv, "", longopts, nullptr)) != -1) {
@@ -94,14 +111,18 @@ void parse(int argc, char **argv, gwsim::server &srv, options &opt)
             srv.st.peer_addrs[v.substr(0, eq)] = v.substr(eq + 1);
             break;
         }
-        case 't': {
-            char *end = nullptr;
-            long ms = strtol(v.c_str(), &end, 10);
-            if (v.empty() || *end || ms < 1 || ms > 3600000)
-                die("expected milliseconds (1 to 3600000), got", optarg);
-            srv.peer_timeout = std::chrono::milliseconds(ms);
+        case 't':
+            srv.peer_timeout = std::chrono::milliseconds(number(optarg, 1, 3600000));
             break;
-        }
+        case 'h':
+            srv.handshake_timeout = std::chrono::milliseconds(number(optarg, 1, 3600000));
+            break;
+        case 'i':
+            srv.idle_timeout = std::chrono::milliseconds(number(optarg, 1, 3600000));
+            break;
+        case 'm':
+            srv.max_connections = static_cast<size_t>(number(optarg, 1, 100000));
+            break;
         case 'P':
             srv.st.pull_on_configure = true;
             break;

@@ -94,8 +94,13 @@ struct response {
 response handle_request(state &st, const request &req);
 
 // Takes the first fault that matches the request's target and body path:
-// true and a copy in `out`; a fault with a count is used up once.
+// true and a copy in `out`; a fault with a count is used up once. The
+// fault endpoint never matches.
 bool take_fault(state &st, const std::string &target, const std::string &body, fault &out);
+
+// take_fault for a request that gets as far as its operation: well formed,
+// to a known target and authenticated (peer requests before their MAC).
+bool take_request_fault(state &st, const request &req, fault &out);
 
 // Verifies a compact JWS against the trusted keys, its expiry and audience
 // and fills `grants` (path, mask). 0 or a positive error code.

@@ -2,6 +2,8 @@
 #include "ember/protocol.hpp"
 #include "ops.h"
 
+#include <climits>
+
 namespace json = boost::json;
 namespace p = ember_proto;
 
@@ -12,6 +14,9 @@ namespace
 
 // JSON keys and texts must be UTF-8; other names show as "b64:" and their
 // base64url.
+// Ten minutes: a longer delay is a mistake, not a slow gateway.
+const int64_t fault_delay_max_ms = 600000;
+
 std::string shown(const std::string &name)
 {
     return p::utf8_valid(name) ? name : "b64:" + p::base64url_encode(name);
@@ -58,15 +63,21 @@ int op_test_fault(state &st, const json::object &o, json::object &)
         st.faults.clear();
         return 0;
     }
+    int64_t error = int_field(o, "error"), delay = int_field(o, "delay_ms"),
+            count = int_field(o, "count");
+    if (error < 0 || error > INT_MAX || delay < 0 || delay > fault_delay_max_ms || count < 0 ||
+        count > INT_MAX)
+        return p::err_inval;
     fault f{field(o, "op"),
             field(o, "path"),
-            static_cast<int>(int_field(o, "error")),
-            static_cast<uint32_t>(int_field(o, "delay_ms")),
+            static_cast<int>(error),
+            static_cast<uint32_t>(delay),
             int_field(o, "drop") != 0,
-            static_cast<int>(int_field(o, "count")),
+            static_cast<int>(count),
             int_field(o, "close_after") != 0,
             field(o, "body")};
-    if (f.op.empty() || f.error < 0 || f.count < 0 ||
+    // A fault on this endpoint could never be cleared.
+    if (f.op.empty() || f.op == p::op_test_fault ||
         (!f.error && !f.delay_ms && !f.drop && !f.close_after && f.body.empty()))
         return p::err_inval;
     st.faults.push_back(f);

@@ -1,8 +1,8 @@
 // Self-issued JWTs: what the client signs and what the simulator accepts.
 #include "ember/ember.h"
 #include "ember/protocol.hpp"
-#include "mox/mox.h"
 #include "gateway_sim.h"
+#include "mox/mox.h"
 #include "state.h"
 
 #include <boost/json.hpp>
@@ -93,13 +93,26 @@ TEST(EmberJwt, SimRefusesForgedAndForeignTokens)
 
 TEST(EmberJwt, OnlyRsaAndP256Keys)
 {
-    EVP_PKEY *ed = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
-    ASSERT_NE(ed, nullptr);
-    ember_jwt_request req = {"a", "b", "c", "d", "e", nullptr, 0, ed};
-    EXPECT_EQ(ember_jwt_generate(&req), nullptr);
-    EVP_PKEY_free(ed);
-    req.key = nullptr;
-    EXPECT_EQ(ember_jwt_generate(&req), nullptr);
+    struct {
+        const char *curve; // null for an Ed25519 key
+        bool signs;
+    } rows[] = {{"P-256", true},
+                {"secp256k1", false}, // 256 bits too, but not what ES256 names
+                {"brainpoolP256r1", false},
+                {"P-384", false},
+                {nullptr, false}};
+    for (auto &r : rows) {
+        EVP_PKEY *k = r.curve ? EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", r.curve)
+                              : EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
+        ASSERT_NE(k, nullptr) << (r.curve ? r.curve : "ED25519");
+        ember_jwt_request req = {"a", "b", "c", "d", "e", nullptr, 0, k};
+        char *jwt = ember_jwt_generate(&req);
+        EXPECT_EQ(jwt != nullptr, r.signs) << (r.curve ? r.curve : "ED25519");
+        mox_free(jwt);
+        EVP_PKEY_free(k);
+    }
+    ember_jwt_request none = {"a", "b", "c", "d", "e", nullptr, 0, nullptr};
+    EXPECT_EQ(ember_jwt_generate(&none), nullptr);
 }
 
 } // namespace

@@ -41,10 +41,11 @@ class SimHandler : public ::testing::Test
         return json::parse(res.body).as_object();
     }
     // An RS256 token with the given claims, signed with the trusted key.
-    std::string token(const json::object &claims)
+    std::string token(const json::object &claims,
+                      const std::string &header = R"({"alg":"RS256","typ":"JWT"})")
     {
-        std::string in = p::base64url_encode(R"({"alg":"RS256","typ":"JWT"})") + "." +
-                         p::base64url_encode(json::serialize(claims));
+        std::string in =
+            p::base64url_encode(header) + "." + p::base64url_encode(json::serialize(claims));
         EVP_MD_CTX *md = EVP_MD_CTX_new();
         size_t len = 512;
         unsigned char sig[512];
@@ -107,6 +108,67 @@ TEST_F(SimHandler, TokensAreCheckedForExpiryAndGrants)
                            token(claims), ""};
         EXPECT_EQ(json::parse(gwsim::handle_request(st, req).body).at("error"), r.error) << r.grant;
     }
+}
+
+// Conditions the gateway cannot honour refuse the token.
+TEST_F(SimHandler, TokensWithConditions)
+{
+    json::object claims{{"aud", "self"}, {"exp", time(nullptr) + 60}};
+    claims["grants"] = json::array{json::object{{"path", "/"}, {"mask", 7}}};
+    auto with_nbf = [&](json::value nbf) {
+        json::object c = claims;
+        c["nbf"] = nbf;
+        return token(c);
+    };
+    std::pair<std::string, int> rows[] = {
+        {with_nbf(time(nullptr) - 60), 0},
+        {with_nbf(time(nullptr) + 60), p::err_auth}, // not valid yet
+        {with_nbf("0"), p::err_auth},
+        {token(claims, R"({"alg":"RS256","typ":"JWT","crit":[]})"), p::err_auth},
+    };
+    for (auto &[bearer, error] : rows) {
+        gwsim::request req{p::op_dir_stat, R"({"path":"/acc"})", false, bearer, ""};
+        EXPECT_EQ(json::parse(gwsim::handle_request(st, req).body).at("error"), error) << bearer;
+    }
+}
+
+TEST_F(SimHandler, MalformedRequestsChangeNothing)
+{
+    std::pair<const char *, const char *> rows[] = {
+        {p::op_secret_set, R"({"account":"acc","kind":1})"},
+        {p::op_secret_set, R"({"account":"acc","kind":1,"secret":7})"},
+        {p::op_secret_get, R"({"account":"..","kind":1})"},
+        {p::op_pull_configure, R"({"account":"..","src":"h:1","secret":"s","flags":4})"},
+        {p::op_pull_configure, R"({"account":".","src":"h:1","secret":"s","flags":4})"},
+        {p::op_pull_configure, R"({"account":"n","src":"h:1","src_account":"..","secret":"s"})"},
+        {p::op_pull_ondemand, R"({"account":".","value":1})"},
+        {p::op_peer_pull_list, R"({"account":".."})"},
+        {p::op_test_fault, R"({"op":"/v1/test/fault","error":80})"}, // could never be cleared
+        {p::op_test_fault, R"({"op":"/v1/dir/stat","delay_ms":-1})"},
+        {p::op_test_fault, R"({"op":"/v1/dir/stat","delay_ms":600001})"},
+        {p::op_test_fault, R"({"op":"/v1/dir/stat","error":9,"count":4294967297})"},
+    };
+    st.secrets["acc"][1] = "s";
+    for (auto &[op, body] : rows)
+        EXPECT_EQ(run(op, body)["error"], p::err_inval) << op << " " << body;
+    EXPECT_EQ(st.secrets["acc"][1], "s");
+    EXPECT_TRUE(st.pulls.empty() && st.ondemand.empty() && st.faults.empty());
+}
+
+// Abandoned listings make room for new ones oldest first.
+TEST_F(SimHandler, OldestListingIsDropped)
+{
+    std::ofstream(st.root + "/acc/a") << "x";
+    std::ofstream(st.root + "/acc/b") << "x";
+    st.next_id = 9; // "10" sorts before "9" as text
+    for (int i = 0; i < 65; i++)
+        ASSERT_EQ(run(p::op_dir_list, R"({"path":"/acc","limit":1})")["error"], 0);
+    std::pair<const char *, int> rows[] = {{"9", p::err_noent}, {"10", 0}};
+    for (auto &[id, error] : rows)
+        EXPECT_EQ(run(p::op_dir_list, std::string(R"({"path":"/acc","offset":1,"listing":")") + id +
+                                          "\"}")["error"],
+                  error)
+            << id;
 }
 
 // Symbolic links are entries of their own, never a way out of an account.

@@ -106,6 +106,7 @@ Sim::Sim(const std::string &uid, const std::vector<std::string> &extra, const st
     pid_ = fork();
     if (pid_ == 0) {
         dup2(fds[1], 1);
+        close_range(3, ~0u, 0); // nothing of this process's leaks into the simulator
         std::vector<char *> argv;
         for (auto &a : args)
             argv.push_back(a.data());

@@ -33,6 +33,8 @@ class Sim
         a += std::to_string(port_);
         return a;
     }
+    int port() const { return port_; }
+    pid_t pid() const { return pid_; }
     const std::string &data() const { return data_; }
     const std::string &uid() const { return uid_; }
     // Makes a directory or a file (with `content`) under the data directory.

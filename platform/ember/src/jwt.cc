@@ -7,6 +7,7 @@
 #include <boost/json.hpp>
 #include <openssl/ecdsa.h>
 #include <openssl/evp.h>
+#include <openssl/objects.h>
 #include <string>
 
 namespace
@@ -49,6 +50,16 @@ bool der_to_raw(std::string &sig)
     return ok;
 }
 
+// ES256 names P-256 alone; other 256-bit curves (secp256k1, brainpool)
+// would sign under a label that verifiers read as P-256.
+bool on_p256(EVP_PKEY *key)
+{
+    char name[64];
+    size_t len = 0;
+    return EVP_PKEY_get_group_name(key, name, sizeof name, &len) == 1 &&
+           OBJ_sn2nid(name) == NID_X9_62_prime256v1;
+}
+
 boost::json::object claims(const ember_jwt_request *req)
 {
     auto text = [](const char *s) { return boost::json::string(s ? s : ""); };
@@ -76,7 +87,7 @@ extern "C" char *ember_jwt_generate(const ember_jwt_request *req)
         return nullptr;
     int type = EVP_PKEY_get_base_id(req->key);
     const char *alg = type == EVP_PKEY_RSA ? "RS256" : type == EVP_PKEY_EC ? "ES256" : nullptr;
-    if (!alg || (type == EVP_PKEY_EC && EVP_PKEY_get_bits(req->key) != 256))
+    if (!alg || (type == EVP_PKEY_EC && !on_p256(req->key)))
         return nullptr;
     std::string header = boost::json::serialize(boost::json::object{{"alg", alg}, {"typ", "JWT"}});
     std::string input = ember_proto::base64url_encode(header) + "." +

@@ -72,8 +72,8 @@ int ember_client_is_jwt(const ember_client *client);
 
 /* A compact JWS (RS256 or ES256 by the key's type) over the request's
  * texts, its grants and an expiry 300 s from now; allocated with the
- * runtime's allocator, freed by the caller. Null when the key is of another
- * type or signing fails. Does not suspend. */
+ * runtime's allocator, freed by the caller. Null when the key is neither
+ * RSA nor EC on P-256, or signing fails. Does not suspend. */
 char *ember_jwt_generate(const ember_jwt_request *req);
 
 /* The account's trust secret of `kind` in *secret (runtime allocation,

@@ -71,6 +71,11 @@ inline constexpr uint32_t list_page_max = 1000;
 // gateway's 1 MiB limit on a request body.
 inline constexpr uint32_t peer_chunk_max = 512 * 1024;
 
+// The gateway answers a larger request body with 413 and a larger request
+// head with 431, then closes the connection.
+inline constexpr uint32_t request_body_max = 1024 * 1024;
+inline constexpr uint32_t request_header_max = 8 * 1024;
+
 // Bits of the pull configuration's flags.
 inline constexpr int pull_flag_remove_source = 1; // remove the source account when done
 inline constexpr int pull_flag_trust = 4;         // fetch through peer requests
