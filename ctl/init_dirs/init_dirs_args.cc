@@ -1,6 +1,7 @@
 // Argument side of the directory commands: the encoding grammar, the
 // attribute list and the checks against the gateway's storage type.
 #include "frame/tarn_ctl.h"
+#include "frame/usage.h"
 #include "init_dirs.h"
 #include "mox/mox.h"
 
@@ -36,9 +37,7 @@ const char kDefaultFailureDomain[] = "failure-domain=host";
 
 [[noreturn]] void usage(const char *text)
 {
-    fputs(text, stderr);
-    mox_log_terminate();
-    exit(255);
+    tarn_usage_exit(text, nullptr);
 }
 
 void read_storage_type()

@@ -1,5 +1,6 @@
 // Options of the pull command: connection settings, flags and the queue of
 // commands, each of which captures the settings that stand before it.
+#include "frame/usage.h"
 #include "mox/mox.h"
 #include "pull.h"
 
@@ -89,11 +90,7 @@ const struct option kOptions[] = {
 
 [[noreturn]] void usage(const char *message)
 {
-    if (message != nullptr)
-        fprintf(stderr, "ERROR: %s\n\n", message);
-    fwrite(kUsage, 1, sizeof kUsage - 1, stderr);
-    mox_log_terminate();
-    exit(255);
+    tarn_usage_exit(kUsage, message);
 }
 
 pull_command *queue(int32_t type)

@@ -1,5 +1,6 @@
 // Options of the "replication" command, its usage text, and the path rules
 // that the operations apply.
+#include "frame/usage.h"
 #include "mox/mox.h"
 #include "replication/replication.h"
 
@@ -108,11 +109,7 @@ const op_rule kRules[] = {
 
 [[noreturn]] void usage(const char *message)
 {
-    if (message != nullptr)
-        fprintf(stderr, "ERROR: %s\n\n", message);
-    fwrite(kUsage, 1, sizeof kUsage - 1, stderr);
-    mox_log_terminate();
-    exit(255);
+    tarn_usage_exit(kUsage, message);
 }
 
 // An empty argument counts as given: only presence is checked here.
