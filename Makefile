@@ -1,5 +1,5 @@
 # Entry points; the work is done by scripts/ and the CMake presets.
-.PHONY: build test test-asan demo bench clean
+.PHONY: build test test-asan demo bench package clean
 
 build:
 	scripts/install-deps
@@ -13,6 +13,9 @@ test-asan:
 
 demo:
 	scripts/demo
+
+package:
+	scripts/package
 
 bench:
 	scripts/install-deps
