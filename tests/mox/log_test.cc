@@ -1,15 +1,13 @@
-// Log line heads: the time stamp on a terminal, a pipe or a file, and the
-// syslog priority when standard error is the journal's stream.
+// Log line heads: the time stamp anywhere but in the journal, where the
+// syslog priority replaces it.
 #include "mox/log.h"
 #include "sandbox.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <regex>
 #include <signal.h>
-#include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -18,11 +16,10 @@
 namespace
 {
 
-enum class Stream { Journal, OtherInode, Garbage, Unset };
-
 // Logs one line per level in a child whose standard error is `path`, with
-// JOURNAL_STREAM as `stream` says; returns what the child wrote.
-std::string log_in_child(const std::string &path, Stream stream)
+// JOURNAL_STREAM made by `stream` from that file's device and inode (null:
+// unset); returns what the child wrote.
+std::string log_in_child(const std::string &path, std::string (*stream)(const struct stat &))
 {
     pid_t pid = fork();
     if (pid == 0) {
@@ -30,14 +27,7 @@ std::string log_in_child(const std::string &path, Stream stream)
         struct stat st;
         if (fd < 0 || dup2(fd, STDERR_FILENO) < 0 || fstat(STDERR_FILENO, &st) != 0)
             _exit(2);
-        std::string value = std::to_string(st.st_dev) + ":" +
-                            std::to_string(st.st_ino + (stream == Stream::OtherInode ? 1 : 0));
-        if (stream == Stream::Garbage)
-            value = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + "x";
-        if (stream == Stream::Unset)
-            unsetenv("JOURNAL_STREAM");
-        else
-            setenv("JOURNAL_STREAM", value.c_str(), 1);
+        stream ? setenv("JOURNAL_STREAM", stream(st).c_str(), 1) : unsetenv("JOURNAL_STREAM");
         __mox_log_level = 9;
         for (int level : {0, 1, 2, 3, 6, 7, 9})
             mox_log(level, "level %d", level);
@@ -50,12 +40,16 @@ std::string log_in_child(const std::string &path, Stream stream)
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
             ADD_FAILURE() << "the logging child did not end within 10 s";
-            return "";
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
     return tarn_test::read_file(path);
+}
+
+std::string id(const struct stat &st, unsigned long long ino)
+{
+    return std::to_string(st.st_dev) + ":" + std::to_string(ino);
 }
 
 TEST(Log, LineHeadFollowsJournalStream)
@@ -65,20 +59,22 @@ TEST(Log, LineHeadFollowsJournalStream)
     const std::regex stamped("(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} [EWIND] "
                              "level \\d\n){7}");
     struct Row {
-        Stream stream;
+        const char *what;
+        std::string (*stream)(const struct stat &);
         bool to_journal;
-    } rows[] = {{Stream::Journal, true},
-                {Stream::OtherInode, false},
-                {Stream::Garbage, false},
-                {Stream::Unset, false}};
+    } rows[] = {
+        {"standard error", [](const struct stat &st) { return id(st, st.st_ino); }, true},
+        {"another inode", [](const struct stat &st) { return id(st, st.st_ino + 1); }, false},
+        {"trailing text", [](const struct stat &st) { return id(st, st.st_ino) + "x"; }, false},
+        {"unset", nullptr, false},
+    };
     tarn_test::Sandbox sb;
     for (const Row &row : rows) {
-        SCOPED_TRACE(static_cast<int>(row.stream));
         std::string out = log_in_child(sb.path("stderr"), row.stream);
         if (row.to_journal)
-            EXPECT_EQ(out, journal);
+            EXPECT_EQ(out, journal) << row.what;
         else
-            EXPECT_TRUE(std::regex_match(out, stamped)) << out;
+            EXPECT_TRUE(std::regex_match(out, stamped)) << row.what << ":\n" << out;
     }
 }
 
