@@ -1,5 +1,5 @@
 # Entry points; the work is done by scripts/ and the CMake presets.
-.PHONY: build test test-asan demo bench package clean
+.PHONY: build test test-asan test-tsan demo bench package clean
 
 build:
 	scripts/install-deps
@@ -10,6 +10,9 @@ test:
 
 test-asan:
 	scripts/test asan
+
+test-tsan:
+	scripts/test tsan
 
 demo:
 	scripts/demo

@@ -3,6 +3,7 @@
 #include "logmanager/enable_logmanager.h"
 #include "nfs/nfs.h"
 #include "pull/pull.h"
+#include "replication/replication.h"
 
 // In the order the words are compared; the first match wins.
 const tarn_command tarn_commands[] = {
@@ -11,6 +12,7 @@ const tarn_command tarn_commands[] = {
     {2, "upgrade-dirs", parse_opts_upgrade_dirs, [](const char *) { (void)exec_upgrade_dirs(); }},
     {3, "pull", parse_opts_pull, [](const char *) { (void)exec_pull(); }},
     {4, "nfs", set_opts_nfs, [](const char *) { (void)exec_nfs(); }},
+    {5, "replication", parse_opts_replication, [](const char *) { (void)exec_replication(); }},
     {6, "enable-logmanager", parse_opts_enable_logmanager,
      [](const char *path) { (void)exec_enable_logmanager(path); }},
 };

@@ -2,6 +2,7 @@
 // directories and setting their attributes through the cluster tool.
 #include "init_dirs.h"
 #include "mox/mox.h"
+#include "shell_word.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -15,9 +16,10 @@ namespace
 {
 
 struct dir_entry {
-    char *path;     // owned
-    bool encoded;   // gets the erasure-coding attribute; else replicated
-    bool recursive; // "-R" when only reconfiguring
+    char *path;           // owned
+    bool encoded;         // gets the erasure-coding attribute; else replicated
+    bool recursive;       // "-R" when only reconfiguring
+    char *word = nullptr; // owned: the path as one shell word for the commands
 };
 
 const int kDirCount = 8;
@@ -36,12 +38,16 @@ void build_table(dir_table *t, const char *root)
     t->e[5] = {mox_asprintf("%s/var/hosts/", root), false, false};
     t->e[6] = {mox_asprintf("%s/certs/", root), false, true};
     t->e[7] = {mox_asprintf("%s/conf.d/", root), false, true};
+    for (dir_entry &d : t->e)
+        d.word = shell_word(d.path);
 }
 
 void free_table(dir_table *t)
 {
-    for (dir_entry &d : t->e)
+    for (dir_entry &d : t->e) {
         mox_free(d.path);
+        mox_free(d.word);
+    }
 }
 
 // Success only for a shell that ended normally with exit code 0.
@@ -55,9 +61,19 @@ mox_loop *to_worker()
     return mox_co_migrate_to_thread(mox_process_worker(mox_current_process()));
 }
 
+// True once SIGINT or SIGTERM arrived: no further program is started.
+bool stopping()
+{
+    return mox_signal_held() != 0;
+}
+
 // Logs and runs one set-attr command, which it frees. Runs on the worker.
 bool run_set(const char *path, char *command)
 {
+    if (stopping()) {
+        mox_free(command);
+        return false;
+    }
     mox_log(2, "setting attributes of '%s': %s", path, command);
     bool ok = command_ok(system(command));
     mox_free(command);
@@ -72,29 +88,31 @@ int set_redundancy(const dir_entry &d, const char *flag, int32_t m, int32_t n, i
     mox_loop *back = to_worker();
     if (d.encoded && x >= 0) {
         ok = run_set(d.path, mox_asprintf("quillon -q set-attr %s %s encoding=%i+%i/%i 2>/dev/null",
-                                          flag, d.path, m, n, x));
+                                          flag, d.word, m, n, x));
     } else if (d.encoded) {
         ok = run_set(d.path, mox_asprintf("quillon -q set-attr %s %s encoding=%i+%i 2>/dev/null",
-                                          flag, d.path, m, n));
+                                          flag, d.word, m, n));
     } else {
         ok = run_set(d.path,
-                     mox_asprintf("quillon -A -q set-attr %s mds-storage=0 2>/dev/null", d.path)) &&
+                     mox_asprintf("quillon -A -q set-attr %s mds-storage=0 2>/dev/null", d.word)) &&
              run_set(d.path, mox_asprintf("quillon -A -q set-attr %s map-type=PLAIN 2>/dev/null",
-                                          d.path)) &&
+                                          d.word)) &&
              // N + 1 in 64 bits: the parser accepts any N up to INT32_MAX.
              run_set(d.path, mox_asprintf("quillon -q set-attr %s %s replicas=%lld:%d 2>/dev/null",
-                                          flag, d.path, static_cast<long long>(n) + 1,
+                                          flag, d.word, static_cast<long long>(n) + 1,
                                           n == 0 ? 1 : n));
     }
     mox_co_migrate_from_thread(back);
     if (ok && !d.encoded && nfs) {
         back = to_worker();
         ok = run_set(d.path, mox_asprintf("quillon -q set-attr %s %s mds-storage=1 2>/dev/null",
-                                          flag, d.path));
+                                          flag, d.word));
         mox_co_migrate_from_thread(back);
     }
     if (ok)
         return 0;
+    if (stopping())
+        return -MOX_ECANCELED;
     mox_log(0, "failed to configure encoding/replicas attribute of '%s': %i (%s)", d.path,
             -MOX_EINVAL, mox_strerror(MOX_EINVAL));
     return -MOX_EINVAL;
@@ -104,10 +122,16 @@ int set_redundancy(const dir_entry &d, const char *flag, int32_t m, int32_t n, i
 int set_attr_list(const dir_entry &d, const char *flag)
 {
     for (attr_node *a = attrs.next; a != &attrs; a = a->next) {
+        // The list holds the administrator's arguments and values read back
+        // from the cluster: either may hold shell syntax.
+        char *word = shell_word(a->attr);
         mox_loop *back = to_worker();
         bool ok =
-            run_set(d.path, mox_asprintf("quillon -A -q set-attr %s %s %s", flag, d.path, a->attr));
+            run_set(d.path, mox_asprintf("quillon -A -q set-attr %s %s %s", flag, d.word, word));
         mox_co_migrate_from_thread(back);
+        mox_free(word);
+        if (!ok && stopping())
+            return -MOX_ECANCELED;
         if (!ok) {
             mox_log(0, "failed to set '%s' on '%s': %i (%s)", a->attr, d.path, -MOX_EINVAL,
                     mox_strerror(MOX_EINVAL));
@@ -169,9 +193,11 @@ int upgrade_from_root(const char *root, int32_t *m, int32_t *n, int32_t *x)
 {
     MOX_BUG_ON(attrs.next != &attrs, __FILE__, __func__);
     mox_loop *back = to_worker();
+    char *quoted = shell_quoted_inner(root);
     char *command = mox_asprintf("quillon -A -q get-attr '%s' | /bin/grep -E "
                                  "'(encoding|chunk-size|failure-domain|tier)='",
-                                 root);
+                                 quoted);
+    mox_free(quoted);
     mox_config *store = mox_create_config();
     mox_log(2, "getting attributes of '%s': %s", root, command);
     int rc = read_root_attrs(command, store, m, n, x);
@@ -208,38 +234,64 @@ int fes_cluster_dirs_configure(const char *root_dir, int32_t m, int32_t n, int32
         free_table(&t);
         return rc;
     }
+    const char *at = root_dir;
     for (const dir_entry &d : t.e) {
         if (upgrade && strcmp(d.path, root_dir) == 0)
             continue;
-        if ((rc = configure_entry(d, m, n, x, mode, nfs)) != 0)
+        at = d.path;
+        rc = stopping() ? -MOX_ECANCELED : configure_entry(d, m, n, x, mode, nfs);
+        if (rc != 0)
             break;
     }
     // A failed init-dirs leaves no empty directories behind, deepest first.
-    if (rc != 0 && mode == 0 && !upgrade) {
+    bool cleanup = rc != 0 && mode == 0 && !upgrade;
+    if (cleanup) {
         for (int i = kDirCount - 1; i >= 0; i--)
             (void)mox_co_rmdir(t.e[i].path);
     }
+    if (rc == -MOX_ECANCELED)
+        mox_log(0, "stopped by signal %s at '%s'; %s", mox_signal_name(mox_signal_held()), at,
+                cleanup ? "the tree's empty directories are removed"
+                        : "the directories before it keep their new attributes");
     free_table(&t);
     return rc;
 }
 
+namespace
+{
+
+// SIGINT and SIGTERM wait for the running program; the routine then stops
+// as on a failure (init-dirs removing the empty directories) and the run
+// ends with the signal's status instead of the failure report.
+int configure_held(int32_t m, int32_t n, int32_t x, int mode)
+{
+    mox_signal_hold();
+    int rc = fes_cluster_dirs_configure(root_dir, m, n, x, mode);
+    if (int sig = mox_signal_held())
+        mox_signal_exit(sig);
+    mox_signal_release();
+    return rc;
+}
+
+} // namespace
+
 int exec_init_dirs(void)
 {
-    if (fes_cluster_dirs_configure(root_dir, encoding_m, encoding_n, encoding_x, 0) != 0)
+    if (configure_held(encoding_m, encoding_n, encoding_x, 0) != 0)
         mox_fatal("failed to initialise directories for TARN");
     return 0;
 }
 
 int exec_reshape_dirs(void)
 {
-    if (fes_cluster_dirs_configure(root_dir, encoding_m, encoding_n, encoding_x, 1) != 0)
+    if (configure_held(encoding_m, encoding_n, encoding_x, 1) != 0)
         mox_fatal("failed to update parameters of directories under '%s'", root_dir);
     return 0;
 }
 
 int exec_upgrade_dirs(void)
 {
-    if (fes_cluster_dirs_configure(root_dir, -1, 0, 0, 0) != 0)
+    if (configure_held(-1, 0, 0, 0) != 0)
         mox_fatal("failed to upgrade directories under '%s'", root_dir);
     return 0;
 }

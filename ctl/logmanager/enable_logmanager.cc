@@ -56,6 +56,10 @@ int write_logmanager_service_conf(void)
 
 int exec_enable_logmanager(const char *config_path)
 {
+    // A signal waits for the end of the command: its file steps after sed are
+    // quick, and stopping between them would leave the log settings
+    // commented out with nothing in their place.
+    mox_signal_hold();
     mox_loop *back = mox_co_migrate_to_thread(mox_process_worker(mox_current_process()));
     int status = system(kCommentOut);
     // A failing sed (say, no such file) is fine: only a shell that did not
@@ -64,5 +68,9 @@ int exec_enable_logmanager(const char *config_path)
         mox_fatal("system(\"%s\") returned %i", kCommentOut, status);
     append_logging_params(config_path);
     write_logmanager_service_conf();
-    return mox_co_migrate_from_thread(back);
+    int rc = mox_co_migrate_from_thread(back);
+    if (int sig = mox_signal_held())
+        mox_signal_exit(sig);
+    mox_signal_release();
+    return rc;
 }

@@ -31,6 +31,8 @@ const char kDf[] = "/bin/df '%s'";
 const char kExitedWith[] = "> \"%s\" exited with %i";
 const char kAlphabetMsg[] = "> invalid '%s' config parameter: %i (%s); it should contain only "
                             "chars from an alphabet [a-zA-Z0-9./_-]";
+const char kQuoteMsg[] = "> invalid '%s' config parameter: %i (%s); it should not contain a single "
+                         "quote";
 
 struct nfs_settings {
     const char *root_dir;
@@ -168,8 +170,13 @@ void umount(void)
     static char path[kPathSize];
     static char command[kShortCommandSize];
     check_storage_type();
-    // Not checked against the alphabet: unmounting needs no other value.
-    snprintf(path, sizeof path, "%s/storage", require_root_dir());
+    // Not checked against the alphabet: unmounting needs no other value. A
+    // single quote would end the quoted word of the command; the mount
+    // action never mounts under such a root, so refusing it loses nothing.
+    const char *root_dir = require_root_dir();
+    if (strchr(root_dir, '\'') != nullptr)
+        nfs_fail(kQuoteMsg, "root_dir", -MOX_EINVAL, mox_strerror(MOX_EINVAL));
+    snprintf(path, sizeof path, "%s/storage", root_dir);
     if (run_mounted_test(command, sizeof command, path) == 1)
         return;
     snprintf(command, sizeof command, kUmount, path);

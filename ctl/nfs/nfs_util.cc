@@ -2,6 +2,7 @@
 
 #include "mox/errors.h"
 #include "mox/log.h"
+#include "mox/process.h"
 #include "nfs.h"
 
 #include <cstdarg>
@@ -40,7 +41,16 @@ void nfs_fail(const char *fmt, ...)
 
 int nfs_system(const char *command)
 {
+    // The shell runs on the loop thread, so SIGINT and SIGTERM stay pending
+    // until it ends; the action stops there, before its next step.
+    mox_signal_hold();
     int status = system(command);
+    if (int sig = mox_signal_held()) {
+        mox_log(0, "> stopped by signal %s after \"%s\"", mox_signal_name(sig), command);
+        fflush(nullptr);
+        mox_signal_exit(sig);
+    }
+    mox_signal_release();
     if (status == -1 || (status & 0x7f) != 0)
         nfs_fail("> system(\"%s\") returned %i", command, status);
     return (status >> 8) & 0xff;

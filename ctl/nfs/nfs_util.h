@@ -15,6 +15,7 @@ MOX_NORETURN void nfs_exit(int code);
 MOX_NORETURN void nfs_fail(const char *fmt, ...) MOX_PRINTF(1, 2);
 
 // Runs `command` with system() and returns the shell's exit code. A shell
-// that could not be run or was killed by a signal ends the tool. Blocks the
-// calling thread until the shell ends.
+// that could not be run or was killed by a signal ends the tool, and so does
+// a SIGINT or SIGTERM received meanwhile (status 128 + the signal, once the
+// shell has ended). Blocks the calling thread until the shell ends.
 int nfs_system(const char *command);

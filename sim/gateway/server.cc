@@ -39,7 +39,7 @@ request to_request(const http::request<http::string_body> &in, bool cert_auth)
 }
 
 // Takes the request's fault and applies its delay; false when the
-// connection must be dropped instead.
+// connection must be dropped instead of carrying the request out.
 bool before_request(server &srv, request &r)
 {
     fault f;
@@ -50,9 +50,12 @@ bool before_request(server &srv, request &r)
             return true;
     }
     r.fault_error = f.error;
+    r.close_after = f.close_after;
+    r.answer = !f.drop;
+    r.fault_body = f.body;
     if (f.delay_ms)
         std::this_thread::sleep_for(std::chrono::milliseconds(f.delay_ms));
-    return !f.drop;
+    return !f.drop || f.close_after;
 }
 
 void session(server &srv, tcp::socket sock)
@@ -80,13 +83,17 @@ void session(server &srv, tcp::socket sock)
             std::lock_guard<std::mutex> lock(srv.mu);
             out = handle_request(srv.st, r);
         }
+        if (!r.answer)
+            break;
+        if (!r.fault_body.empty())
+            out = {200, r.fault_body};
         http::response<http::string_body> res{static_cast<http::status>(out.status), in.version()};
         res.set(http::field::content_type, "application/json");
         res.keep_alive(in.keep_alive());
         res.body() = std::move(out.body);
         res.prepare_payload();
         http::write(stream, res, ec);
-        if (ec || !res.keep_alive())
+        if (ec || !res.keep_alive() || r.close_after)
             break;
     }
     beast::get_lowest_layer(stream).close(ec);

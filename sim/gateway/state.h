@@ -25,7 +25,9 @@ struct listing {
 };
 
 // A test's fault: requests to `op` (on `path`, or any path when empty) fail
-// with `error`, wait `delay_ms` first, or lose their connection.
+// with `error`, wait `delay_ms` first, or lose their connection; with
+// `close_after` they are carried out first (answered unless `drop`), then
+// the connection closes; `body` replaces the answer's body (status 200).
 struct fault {
     std::string op;
     std::string path;
@@ -33,6 +35,8 @@ struct fault {
     uint32_t delay_ms = 0;
     bool drop = false;
     int count = 0; // times it still applies; 0 for every time
+    bool close_after = false;
+    std::string body{};
 };
 
 // Sends a peer request to `target` of the gateway at `addr`: 0 and the
@@ -75,6 +79,9 @@ struct request {
     std::string peer_mac;
     bool faults_taken = false; // the listener already took the matching fault
     int fault_error = 0;       // and this is its error
+    bool close_after = false;  // close the connection once carried out
+    bool answer = true;        // false: carried out but never answered
+    std::string fault_body{};  // replaces the answer's body when not empty
 };
 
 struct response {

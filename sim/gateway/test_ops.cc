@@ -63,8 +63,11 @@ int op_test_fault(state &st, const json::object &o, json::object &)
             static_cast<int>(int_field(o, "error")),
             static_cast<uint32_t>(int_field(o, "delay_ms")),
             int_field(o, "drop") != 0,
-            static_cast<int>(int_field(o, "count"))};
-    if (f.op.empty() || f.error < 0 || f.count < 0 || (!f.error && !f.delay_ms && !f.drop))
+            static_cast<int>(int_field(o, "count")),
+            int_field(o, "close_after") != 0,
+            field(o, "body")};
+    if (f.op.empty() || f.error < 0 || f.count < 0 ||
+        (!f.error && !f.delay_ms && !f.drop && !f.close_after && f.body.empty()))
         return p::err_inval;
     st.faults.push_back(f);
     return 0;

@@ -7,11 +7,15 @@
 //
 // QUILLON_SIM_LOG names a file that receives one line per invocation (the
 // arguments joined by blanks); QUILLON_SIM_FAIL is a glob: an invocation
-// whose line matches it fails with exit code 1 before doing anything.
+// whose line matches it fails with exit code 1 before doing anything;
+// QUILLON_SIM_DELAY_MS makes an invocation whose line matches the glob
+// QUILLON_SIM_DELAY_ON (every one when unset) sleep that long after logging.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <ftw.h>
@@ -154,12 +158,36 @@ int usage()
 
 } // namespace
 
+namespace
+{
+
+bool matches_env_glob(const char *name, const std::string &line, bool unset_matches)
+{
+    const char *pattern = getenv(name);
+    if (pattern == nullptr || *pattern == '\0')
+        return unset_matches;
+    return fnmatch(pattern, line.c_str(), 0) == 0;
+}
+
+void delay_if_told(const std::string &line)
+{
+    const char *ms = getenv("QUILLON_SIM_DELAY_MS");
+    if (ms == nullptr || *ms == '\0' || !matches_env_glob("QUILLON_SIM_DELAY_ON", line, true))
+        return;
+    long total = strtol(ms, nullptr, 10);
+    timespec left = {total / 1000, (total % 1000) * 1000000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
 int main(int argc, char **argv)
 {
     std::string line = joined(argc, argv);
     log_invocation(line);
-    const char *pattern = getenv("QUILLON_SIM_FAIL");
-    if (pattern != nullptr && *pattern != '\0' && fnmatch(pattern, line.c_str(), 0) == 0)
+    delay_if_told(line);
+    if (matches_env_glob("QUILLON_SIM_FAIL", line, false))
         return fail(1, "injected failure for '" + line + "'");
     options o;
     int i = 1;

@@ -394,6 +394,8 @@ const char kHostAlphabet[] = "> invalid 'storage.nfs.host' config parameter: -30
 const char kExportAlphabet[] = "> invalid 'storage.nfs.export' config parameter: -30 (invalid "
                                "argument); it should contain only chars from an alphabet "
                                "[a-zA-Z0-9./_-]";
+const char kRootQuote[] = "> invalid 'root_dir' config parameter: -30 (invalid argument); it "
+                          "should not contain a single quote";
 
 INSTANTIATE_TEST_SUITE_P(
     Config, NfsRefusal,
@@ -410,6 +412,9 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"--df", {{"cluster.enable", "<unset>"}}, kFlagMissing},
         RefusalCase{"--mount", {{"root_dir", "/tmp/a b"}}, kRootAlphabet},
         RefusalCase{"--df", {{"root_dir", "/tmp/a'b"}}, kRootAlphabet},
+        RefusalCase{"--df", {{"root_dir", "/tmp/a';touch x;'"}}, kRootAlphabet},
+        RefusalCase{"--umount", {{"root_dir", "/tmp/a';touch x;'"}}, kRootQuote},
+        RefusalCase{"--umount", {{"root_dir", "/tmp/a'"}}, kRootQuote},
         RefusalCase{"--mount", {{"storage.nfs.host", "srv;x"}}, kHostAlphabet},
         RefusalCase{"--df", {{"storage.nfs.export", "/e x"}}, kExportAlphabet},
         RefusalCase{"--mount", {{"storage.nfs.export", "/e'x"}}, kExportAlphabet}));

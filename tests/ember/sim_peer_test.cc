@@ -121,16 +121,19 @@ TEST(SimPeer, LargeFileReplicatesByteForByte)
         for (uint64_t mib = 0; mib < 64; mib++)
             out << pattern(1 << 20, mib);
     }
-    run_in_coroutine([&] {
-        mox_co_ctx_set_timeout(90000);
-        ember_client *m = cert_client(master.addr(), "site-ec.pem");
-        ember_client *s = cert_client(slave.addr(), "site-ec.pem");
-        EXPECT_EQ(ember_set_trust_secret(m, "acc", 1, "shared"), 0);
-        EXPECT_EQ(ember_set_trust_secret(s, "acc", 1, "shared"), 0);
-        EXPECT_EQ(ember_file_enable_replication(m, "/acc/big", slave.addr().c_str(), "dc-b"), 0);
-        ember_client_put(s);
-        ember_client_put(m);
-    });
+    run_in_coroutine(
+        [&] {
+            mox_co_ctx_set_timeout(90000);
+            ember_client *m = cert_client(master.addr(), "site-ec.pem");
+            ember_client *s = cert_client(slave.addr(), "site-ec.pem");
+            EXPECT_EQ(ember_set_trust_secret(m, "acc", 1, "shared"), 0);
+            EXPECT_EQ(ember_set_trust_secret(s, "acc", 1, "shared"), 0);
+            EXPECT_EQ(ember_file_enable_replication(m, "/acc/big", slave.addr().c_str(), "dc-b"),
+                      0);
+            ember_client_put(s);
+            ember_client_put(m);
+        },
+        120);
     EXPECT_EQ(sha256_of(slave.data() + "/acc/big"), sha256_of(master.data() + "/acc/big"));
     EXPECT_EQ(mode_of(slave.data() + "/acc/.tmp.big.recv.xml"), 0u) << "temporary file left";
 }
@@ -152,7 +155,7 @@ TEST(SimPeer, SimsReplicatingToEachOtherBothFinish)
     }
     auto enable_all = [](mox_co *, void *arg) -> int32_t {
         side &sd = *static_cast<side *>(arg);
-        mox_co_ctx_set_timeout(30000);
+        mox_co_ctx_set_timeout(15000);
         ember_client *c = cert_client(sd.self->addr(), "site-ec.pem");
         EXPECT_EQ(ember_set_trust_secret(c, "acc", 1, "shared"), 0);
         for (int i = 0; i < 20; i++) {
@@ -164,11 +167,13 @@ TEST(SimPeer, SimsReplicatingToEachOtherBothFinish)
         ember_client_put(c);
         return 0;
     };
-    run_in_coroutine([&] {
-        mox_co *other = mox_co_create(nullptr, enable_all, &sides[1]);
-        enable_all(nullptr, &sides[0]);
-        mox_co_join(other);
-    });
+    run_in_coroutine(
+        [&] {
+            mox_co *other = mox_co_create(nullptr, enable_all, &sides[1]);
+            enable_all(nullptr, &sides[0]);
+            mox_co_join(other);
+        },
+        20);
     for (side &sd : sides)
         EXPECT_EQ(sd.failures, 0) << sd.prefix << ": enables that failed or timed out";
 }

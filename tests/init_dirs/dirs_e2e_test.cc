@@ -289,4 +289,47 @@ TEST_F(Dirs, SetAttrCreatesNothing)
     EXPECT_EQ(attrs_of(tree_path("certs/"))["tier"], "1");
 }
 
+// Shell syntax in the root or in an attribute reaches the cluster tool as
+// text: nothing runs, and the value is stored as given.
+struct HostileCase {
+    const char *root;                           // under the sandbox
+    std::vector<std::vector<std::string>> runs; // each must succeed
+    const char *tier;                           // the root's tier afterwards
+};
+
+TEST_F(Dirs, ShellSyntaxInValuesIsNeverRun)
+{
+    const HostileCase cases[] = {
+        {"r;touch pwned;", {{"init-dirs", "encoding=2+1", "tier=1"}}, "1"},
+        {"r $(touch pwned)",
+         {{"init-dirs", "encoding=2+1", "tier=1"}, {"set-attr", "tier=2"}},
+         "2"},
+        {"r", {{"init-dirs", "encoding=2+1", "tier=1;touch pwned"}}, "1;touch pwned"},
+        {"r'$(touch pwned)'", {{"init-dirs", "encoding=2+1", "tier=`touch pwned`"}}, nullptr},
+        {"r'$(touch pwned)'", {{"init-dirs", "encoding=2+1", "tier=3"}, {"upgrade-dirs"}}, "3"},
+        {"q",
+         {{"init-dirs", "encoding=2+1", "tier=$(touch pwned)"}, {"upgrade-dirs"}},
+         "$(touch pwned)"},
+    };
+    for (const HostileCase &c : cases) {
+        SCOPED_TRACE(c.root);
+        root_ = sb_.path(c.root);
+        configure("local");
+        for (const auto &args : c.runs) {
+            if (args[0] == "upgrade-dirs") {
+                ASSERT_EQ(rmdir(tree_path("conf.d/").c_str()), 0);
+            }
+            auto r = run_ctl(args);
+            ASSERT_EQ(r.status, 0) << r.err;
+        }
+        EXPECT_FALSE(sb_.exists("pwned"));
+        AttrMap attrs = attrs_of(tree_path("conf.d/"));
+        EXPECT_EQ(attrs["replicas"], "2:1");
+        if (c.tier != nullptr) {
+            EXPECT_EQ(attrs["tier"], c.tier);
+        }
+        unlink(sb_.path("pwned").c_str());
+    }
+}
+
 } // namespace

@@ -36,6 +36,7 @@ RunResult DirsTest::run_ctl(const std::vector<std::string> &args, const std::str
     RunOptions o;
     o.path = {QUILLON_SIM_DIR};
     o.env = {"QUILLON_SIM_LOG=" + sb_.path("quillon.log"), "QUILLON_SIM_FAIL=" + fail_glob};
+    o.cwd = sb_.dir(); // where a command slipped into a value would leave its traces
     std::vector<std::string> argv = {"-c", config_};
     argv.insert(argv.end(), args.begin(), args.end());
     return run_tool(argv, o);

@@ -236,6 +236,7 @@ TEST(Pull, AllAccountsListsEveryPage)
 {
     PullEnv env;
     const int n = 2001; // three listing pages
+    env.timeout_ms = 240000; // a TLS handshake per account, ten times slower under TSan
     for (int i = 0; i < n; i++)
         env.src.mkdir("/acc" + std::to_string(i));
     auto r = env.pull({"--src", env.src.addr(), "--src-cert", env.cert("web-ec.pem"),
@@ -329,8 +330,8 @@ TEST(Pull, CommandsRunInCommandLineOrder)
     EXPECT_EQ(text(dump(env.dst)["ondemand"].as_object()["b"]), "1");
 }
 
-// A gateway that answers with an error or drops the connection: the step's
-// message with a negative code.
+// A gateway that answers with an error, with garbage, or drops the
+// connection: the step's message with a negative code.
 TEST(Pull, GatewayFailuresEndWithTheStepsMessage)
 {
     PullEnv env;
@@ -346,6 +347,10 @@ TEST(Pull, GatewayFailuresEndWithTheStepsMessage)
          R"({"op":"/v1/dir/list","error":80})",
          {"--src", env.src.addr(), "--src-cert", env.cert("web-ec.pem"), "--pull-all-accounts"},
          "failed to list accounts on " + env.src.addr() + ": -80 (I/O error)"},
+        {env.src,
+         R"({"op":"/v1/dir/list","body":"<html>not json</html>"})",
+         {"--src", env.src.addr(), "--src-cert", env.cert("web-ec.pem"), "--pull-all-accounts"},
+         "failed to list accounts on " + env.src.addr() + ": -60 (protocol error)"},
         {env.src,
          R"({"op":"/v1/trust-secret/set","drop":true})",
          {"--src", env.src.addr(), "--src-cert", site, "--src-dc-uid", "u", "--pull-account",

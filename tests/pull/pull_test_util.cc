@@ -68,7 +68,7 @@ tarn_test::RunResult PullEnv::pull(const std::vector<std::string> &args, int lev
     argv.insert(argv.end(), args.begin(), args.end());
     tarn_test::RunOptions o;
     o.env = {"SSL_CERT_FILE=" + cert("ca.pem")};
-    o.timeout_ms = 60000;
+    o.timeout_ms = timeout_ms;
     return tarn_test::run_tool(argv, o);
 }
 

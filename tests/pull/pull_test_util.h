@@ -29,6 +29,8 @@ class PullEnv
     // Rewrites the configuration from "key = value" pairs.
     void configure(const std::vector<std::pair<std::string, std::string>> &pairs) const;
 
+    int timeout_ms = 60000; // a run's bound
+
     tarn_test::Sandbox sb;
     ember_test::Sim src, dst;
     std::string config, root;

@@ -2,6 +2,13 @@
 
 #include "mox/mox.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
 namespace tarn_test
 {
 
@@ -29,11 +36,26 @@ void *start(mox_job *job, void *arg)
 
 } // namespace
 
-void run_in_coroutine(const std::function<void()> &fn)
+void run_in_coroutine(const std::function<void()> &fn, int limit_s)
 {
     Run run;
     run.fn = &fn;
     mox_job job{};
+    // A broken wait or deadline must fail the test in seconds, saying so,
+    // not leave it to the test driver's time-out.
+    std::mutex mu;
+    std::condition_variable cv;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> lock(mu);
+        if (!cv.wait_for(lock, std::chrono::seconds(limit_s), [&] { return done; })) {
+            fprintf(stderr,
+                    "run_in_coroutine: the coroutine did not finish within %d s (a wait or "
+                    "a deadline that never ended)\n",
+                    limit_s);
+            std::_Exit(1);
+        }
+    });
     mox_process_init(&run.proc);
     mox_job_init(&run.proc, &job, start, &run);
     mox_job_wakeup(&job);
@@ -41,6 +63,12 @@ void run_in_coroutine(const std::function<void()> &fn)
         mox_fatal("can't start the test process");
     mox_process_wait(&run.proc);
     mox_process_fini(&run.proc);
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        done = true;
+    }
+    cv.notify_one();
+    watchdog.join();
 }
 
 } // namespace tarn_test

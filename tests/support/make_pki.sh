@@ -1,7 +1,8 @@
 #!/bin/sh
 # Makes the test PKI in directory $1: a CA, a server certificate for
-# 127.0.0.1, site certificates with and without the web client usage (RSA
-# and EC keys), and a stranger CA with its own server certificate.
+# 127.0.0.1 and one for the name localhost and ::1, site certificates with
+# and without the web client usage (RSA and EC keys), and a stranger CA with
+# its own server certificate.
 set -eu
 cd "$1"
 q() { "$@" >/dev/null 2>&1; }
@@ -26,6 +27,8 @@ ca ca
 ca stranger-ca
 ec_key server.key
 cert server ca "subjectAltName=IP:127.0.0.1"
+ec_key server-names.key
+cert server-names ca "subjectAltName=DNS:localhost,IP:::1"
 ec_key stranger-server.key
 cert stranger-server stranger-ca "subjectAltName=IP:127.0.0.1"
 rsa_key site-rsa.key

@@ -69,4 +69,9 @@ void NfsSim::fail(const std::string &program, int exit_code) const
     sb_.write_file(std::string(kStateDir) + "/fail." + program, std::to_string(exit_code) + "\n");
 }
 
+void NfsSim::delay(const std::string &program, const std::string &seconds) const
+{
+    sb_.write_file(std::string(kStateDir) + "/delay." + program, seconds + "\n");
+}
+
 } // namespace tarn_test

@@ -37,6 +37,8 @@ class NfsSim
     std::vector<std::string> calls(const std::string &program) const;
     // Makes every later call of `program` fail with `exit_code`.
     void fail(const std::string &program, int exit_code) const;
+    // Makes every later call of `program` sleep `seconds` after logging it.
+    void delay(const std::string &program, const std::string &seconds) const;
 
   private:
     const Sandbox &sb_;

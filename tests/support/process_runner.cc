@@ -1,6 +1,7 @@
 // Runs a program with a time limit and collects its output.
 #include "sandbox.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -56,6 +57,22 @@ std::vector<char *> c_vector(std::vector<std::string> &v)
         out.push_back(s.data());
     out.push_back(nullptr);
     return out;
+}
+
+// Sends the planned signals once their file holds its text; true when done.
+bool send_signals_if_due(const RunOptions &opts, pid_t pid)
+{
+    if (read_file(opts.signal_file).find(opts.signal_text) == std::string::npos ||
+        access(opts.signal_file.c_str(), F_OK) != 0)
+        return false;
+    for (size_t i = 0; i < opts.signals.size(); ++i) {
+        // Apart, so that a second signal of the same kind is not merged
+        // into the first while that one is still pending.
+        if (i > 0)
+            usleep(200000);
+        kill(pid, opts.signals[i]);
+    }
+    return true;
 }
 
 [[noreturn]] void child_fail(int fd, const std::string &what)
@@ -118,7 +135,10 @@ RunResult run(const std::vector<std::string> &argv_in, const RunOptions &opts)
     }
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(opts.timeout_ms);
     int open_fds = 2;
+    bool signals_due = !opts.signals.empty();
     while (open_fds > 0) {
+        if (signals_due && send_signals_if_due(opts, pid))
+            signals_due = false;
         pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {in[1], POLLOUT, 0}};
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                         deadline - std::chrono::steady_clock::now())
@@ -129,6 +149,8 @@ RunResult run(const std::vector<std::string> &argv_in, const RunOptions &opts)
             kill(pid, SIGKILL);
             break;
         }
+        if (signals_due)
+            left = std::min<long>(left, 10); // look at the file again soon
         int n = poll(fds, in[1] >= 0 ? 3 : 2, static_cast<int>(left));
         if (n < 0 && errno != EINTR)
             break;

@@ -25,6 +25,11 @@ struct RunOptions {
     std::string cwd;               // working directory; empty: inherited
     std::string stdin_data;        // fed to standard input, then closed
     int timeout_ms = 30000;
+    // Sent to the program itself, in order and 0.2 s apart, once the file
+    // `signal_file` exists and holds `signal_text`.
+    std::vector<int> signals;
+    std::string signal_file;
+    std::string signal_text;
     // Run inside a private mount namespace (private propagation); each pair
     // binds the first path (a file or directory) over the second. A target
     // that does not exist is created inside the namespace only: its parent

@@ -122,7 +122,14 @@ int open_child(ar_io_dir *dir, const char *name, ar_io_dir **child, int flags)
     return ar_io_open_ember_dir_cl(d->client, path.c_str(), child, flags);
 }
 
-const ar_io_dir_ops dir_ops = {read_first, read_next, release_entry, open_child};
+void put(ar_io_dir *dir)
+{
+    ember_dir *d = self(dir);
+    ember_client_put(d->client);
+    delete d;
+}
+
+const ar_io_dir_ops dir_ops = {read_first, read_next, release_entry, open_child, put};
 
 } // namespace
 
@@ -153,11 +160,8 @@ int ar_io_open_ember_dir_cl(ember_client *client, const char *path, ar_io_dir **
 
 void ar_io_dir_put(ar_io_dir *dir)
 {
-    if (!dir)
-        return;
-    ember_dir *d = self(dir);
-    ember_client_put(d->client);
-    delete d;
+    if (dir)
+        dir->ops->put(dir);
 }
 
 } // extern "C"

@@ -13,9 +13,11 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
+#include <poll.h>
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -148,8 +150,33 @@ int connect(ember_client *c, ember_transport *t)
     return rc;
 }
 
+// Operations that change nothing more when carried out twice: safe to send
+// again after a connection failed with the request possibly delivered.
+bool idempotent(const char *target)
+{
+    static const char *const kRepeatable[] = {
+        ember_proto::op_secret_get, ember_proto::op_secret_set, ember_proto::op_pull_ondemand,
+        ember_proto::op_file_state, ember_proto::op_dir_stat,   ember_proto::op_dir_list,
+    };
+    for (const char *op : kRepeatable) {
+        if (strcmp(op, target) == 0)
+            return true;
+    }
+    return false;
+}
+
+// A kept-alive connection with something to read, or hung up, was closed by
+// the gateway while idle (or is out of step): it must not carry a request.
+bool idle_connection_usable(ember_transport *t)
+{
+    pollfd p = {beast::get_lowest_layer(*t->stream).socket().native_handle(), POLLIN | POLLRDHUP,
+                0};
+    return poll(&p, 1, 0) == 0;
+}
+
+// `sent` receives the number of request bytes handed to the connection.
 int exchange(ember_client *c, ember_transport *t, const char *target, const std::string &body,
-             unsigned &status, std::string &answer)
+             unsigned &status, std::string &answer, size_t &sent)
 {
     http::request<http::string_body> req{http::verb::post, target, 11};
     req.set(http::field::host, c->host);
@@ -161,8 +188,16 @@ int exchange(ember_client *c, ember_transport *t, const char *target, const std:
     req.prepare_payload();
     auto &sock = beast::get_lowest_layer(*t->stream).socket();
     boost::system::error_code ec;
-    int rc =
-        await_op([&](auto h) { http::async_write(*t->stream, req, h); }, [&] { sock.close(); }, ec);
+    sent = 0;
+    int rc = await_op(
+        [&](auto h) {
+            http::async_write(*t->stream, req,
+                              [&sent, h](boost::system::error_code e, size_t n) mutable {
+                                  sent = n;
+                                  h(e);
+                              });
+        },
+        [&] { sock.close(); }, ec);
     http::response_parser<http::string_body> parser;
     parser.body_limit(64u << 20);
     if (rc == 0)
@@ -197,17 +232,22 @@ int transport_request(ember_client *c, const char *target, const std::string &bo
         }
     }
     ember_transport *t = c->transport;
-    // A kept-alive connection may have been closed by the gateway meanwhile:
-    // one fresh connection is tried before giving up.
+    // A kept-alive connection may have been closed by the gateway meanwhile.
+    // Seen before sending, it is simply replaced. Failing later, the request
+    // may have been carried out: it is sent once more on a fresh connection
+    // only when none of it went out or repeating it changes nothing.
+    if (t->ready && !idle_connection_usable(t))
+        transport_reset(c);
     bool reused = t->ready;
     if (!t->ready && (rc = connect(c, t)) != 0)
         return rc;
-    rc = exchange(c, t, target, body, status, answer);
+    size_t sent = 0;
+    rc = exchange(c, t, target, body, status, answer, sent);
     if (rc != 0 && rc != -ETIMEDOUT && rc != -ECANCELED) {
         t->stream.reset();
         t->ready = false;
-        if (reused && (rc = connect(c, t)) == 0)
-            rc = exchange(c, t, target, body, status, answer);
+        if (reused && (sent == 0 || idempotent(target)) && (rc = connect(c, t)) == 0)
+            rc = exchange(c, t, target, body, status, answer, sent);
     }
     if (rc != 0) {
         t->stream.reset();

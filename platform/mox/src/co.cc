@@ -191,6 +191,10 @@ void resume(mox_co *co)
     __tsan_switch_to_fiber(co->tsan_fiber, 0);
 #endif
     co->self = std::move(co->self).resume();
+#if defined(MOX_TSAN)
+    if (co->state == CoState::Ended)
+        __tsan_switch_to_fiber(co->tsan_from, 0);
+#endif
     switch_finish(fake, nullptr, nullptr);
     st = tls();
     st->co = prev;
@@ -338,9 +342,8 @@ ctx::fiber make_fiber(mox_co *co)
         co->fn(co, co->arg);
         co->state = CoState::Ended;
         switch_start(nullptr, co->from_bottom, co->from_size);
-#if defined(MOX_TSAN)
-        __tsan_switch_to_fiber(co->tsan_from, 0);
-#endif
+        // ThreadSanitizer is told in resume(), once control is back on the
+        // caller's stack: the frames that unwind from here are still ours.
         return std::move(co->caller);
     });
 }

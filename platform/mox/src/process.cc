@@ -6,6 +6,7 @@
 #include "mox/log.h"
 #include "mox/misc.h"
 
+#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
@@ -24,22 +25,37 @@ std::mutex g_sig_mu;
 sigset_t g_blocked; // what mox_signal_block asked for, for later threads
 bool g_blocked_set = false;
 
-const char *signal_name(int sig)
+std::atomic<int> g_hold_depth{0}; // mox_signal_hold calls not yet released
+std::atomic<int> g_held_signal{0};
+
+// A SIGINT or SIGTERM taken from the loop's descriptor or from the pending
+// set. Outside a hold, or at the second one, the run ends at once.
+void note_signal(int sig)
 {
-    switch (sig) {
-    case SIGINT:
-        return "SIGINT";
-    case SIGTERM:
-        return "SIGTERM";
-    default:
-        return "signal";
+    int none = 0;
+    if (g_hold_depth.load() > 0 && g_held_signal.compare_exchange_strong(none, sig)) {
+        mox_log(0, "received %s; stopping after the running step", mox_signal_name(sig));
+        return;
     }
+    mox_signal_exit(sig);
+}
+
+void read_signal(std::shared_ptr<boost::asio::posix::stream_descriptor> sd)
+{
+    auto info = std::make_shared<signalfd_siginfo>();
+    sd->async_read_some(boost::asio::buffer(info.get(), sizeof *info),
+                        [sd, info](const boost::system::error_code &ec, size_t n) {
+                            if (ec || n != sizeof *info)
+                                return;
+                            note_signal(static_cast<int>(info->ssi_signo));
+                            read_signal(sd);
+                        });
 }
 
 // SIGINT and SIGTERM, when blocked, arrive through a signal descriptor on the
-// loop: the run ends promptly with the conventional status. Files that others
-// read are always replaced by rename, so stopping mid-command leaves no torn
-// file behind.
+// loop: the run ends promptly with the conventional status, or at the end of
+// a held step. Files that others read are always replaced by rename, so
+// stopping mid-command leaves no torn file behind.
 void watch_signals(mox_detail::ProcessImpl *pi)
 {
     sigset_t set;
@@ -58,17 +74,8 @@ void watch_signals(mox_detail::ProcessImpl *pi)
     pi->signal_fd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     if (pi->signal_fd < 0)
         return;
-    auto sd = std::make_shared<boost::asio::posix::stream_descriptor>(pi->loop.io, pi->signal_fd);
-    auto info = std::make_shared<signalfd_siginfo>();
-    sd->async_read_some(boost::asio::buffer(info.get(), sizeof *info),
-                        [sd, info](const boost::system::error_code &ec, size_t n) {
-                            if (ec || n != sizeof *info)
-                                return;
-                            int sig = static_cast<int>(info->ssi_signo);
-                            mox_log(0, "terminated by signal %s", signal_name(sig));
-                            mox_log_terminate();
-                            _exit(128 + sig);
-                        });
+    read_signal(
+        std::make_shared<boost::asio::posix::stream_descriptor>(pi->loop.io, pi->signal_fd));
 }
 
 void loop_main(mox_process *proc, mox_detail::ProcessImpl *pi)
@@ -216,6 +223,52 @@ int mox_signal_block(const sigset_t *set)
     }
     sigorset(&g_blocked, &g_blocked, set);
     return 0;
+}
+
+const char *mox_signal_name(int sig)
+{
+    switch (sig) {
+    case SIGINT:
+        return "SIGINT";
+    case SIGTERM:
+        return "SIGTERM";
+    default:
+        return "signal";
+    }
+}
+
+void mox_signal_hold(void)
+{
+    g_hold_depth.fetch_add(1);
+}
+
+void mox_signal_release(void)
+{
+    g_hold_depth.fetch_sub(1);
+}
+
+int mox_signal_held(void)
+{
+    if (g_held_signal.load() == 0) {
+        // A step run on the loop thread keeps the descriptor unread: take a
+        // pending signal directly (every thread blocks them).
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGINT);
+        sigaddset(&set, SIGTERM);
+        const timespec zero = {0, 0};
+        int sig = sigtimedwait(&set, nullptr, &zero);
+        if (sig > 0)
+            note_signal(sig);
+    }
+    return g_held_signal.load();
+}
+
+void mox_signal_exit(int sig)
+{
+    mox_log(0, "terminated by signal %s", mox_signal_name(sig));
+    mox_log_terminate();
+    _exit(128 + sig);
 }
 
 } // extern "C"

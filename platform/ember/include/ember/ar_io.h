@@ -33,6 +33,9 @@ typedef struct ar_io_dir_ops {
     /* 0 and *child for the subdirectory `name`; -8 when it does not exist,
      * -9 when it is not a directory. */
     int (*open_child)(ar_io_dir *dir, const char *name, ar_io_dir **child, int flags);
+    /* Frees the handle (ar_io_dir_put calls it), so that handles of other
+     * kinds, such as in-memory trees, are released by their own code. */
+    void (*put)(ar_io_dir *dir);
 } ar_io_dir_ops;
 
 struct ar_io_dir {

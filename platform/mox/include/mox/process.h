@@ -63,6 +63,21 @@ mox_worker *mox_process_worker(mox_process *proc);
  * and SIGTERM in the set are taken by the loop: it logs "terminated by
  * signal SIGxxx" and ends the process with status 128 + the signal number. */
 int mox_signal_block(const sigset_t *set);
+/* Holds SIGINT and SIGTERM for a step that should not be cut short, such as
+ * an external program (holds nest). While held, the first of them is logged
+ * as "received SIGxxx; stopping after the running step" and kept for
+ * mox_signal_held; a second ends the process as usual. Do not suspend. */
+void mox_signal_hold(void);
+void mox_signal_release(void);
+/* The signal kept since a hold began, or 0. Also takes a pending one that the
+ * loop could not read because the step ran on the loop thread. The caller
+ * decides where to stop, then calls mox_signal_exit. Does not suspend. */
+int mox_signal_held(void);
+/* "SIGINT", "SIGTERM", or "signal" for any other. Never null. */
+const char *mox_signal_name(int sig);
+/* Logs "terminated by signal SIGxxx" at level 0, ends logging and ends the
+ * process with status 128 + sig without exit handlers. */
+MOX_NORETURN void mox_signal_exit(int sig);
 /* Crash signals print a report with a backtrace before the process dies. */
 void mox_signal_set_fatal_handlers(void);
 
