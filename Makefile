@@ -1,5 +1,5 @@
 # Entry points; the work is done by scripts/ and the CMake presets.
-.PHONY: build test test-asan test-tsan demo sandbox bench clean
+.PHONY: build test test-asan test-tsan demo sandbox bench package clean
 
 build:
 	scripts/install-deps
@@ -23,6 +23,9 @@ sandbox:
 	scripts/install-deps
 	scripts/build dev
 	scripts/sandbox start $(SANDBOX)
+
+package:
+	scripts/package
 
 bench:
 	scripts/install-deps

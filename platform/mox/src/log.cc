@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -32,6 +33,53 @@ char level_mark(int level)
     }
 }
 
+// Syslog priority of a level: err, warning, info for progress, notice for
+// the levels between, debug for the dump.
+int syslog_priority(int level)
+{
+    if (level <= 0)
+        return 3;
+    if (level == 1)
+        return 4;
+    if (level == 2)
+        return 6;
+    return level >= 7 ? 7 : 5;
+}
+
+// Reads "DEVICE:INODE" (both decimal) as systemd sets JOURNAL_STREAM.
+bool parse_journal_stream(const char *s, unsigned long long *dev, unsigned long long *ino)
+{
+    char *end = nullptr;
+    if (s == nullptr || *s < '0' || *s > '9')
+        return false;
+    errno = 0;
+    *dev = strtoull(s, &end, 10);
+    if (errno != 0 || *end != ':' || end[1] < '0' || end[1] > '9')
+        return false;
+    *ino = strtoull(end + 1, &end, 10);
+    return errno == 0 && *end == '\0';
+}
+
+// Standard error is the journal's stream when JOURNAL_STREAM names its
+// device and inode; a variable inherited by a child whose standard error
+// was redirected names another file and is ignored. Decided once, at the
+// first line: the answer cannot change while the tool runs.
+bool stderr_is_journal()
+{
+    static const bool journal = [] {
+        int saved_errno = errno;
+        unsigned long long dev = 0, ino = 0;
+        struct stat st;
+        bool yes = parse_journal_stream(getenv("JOURNAL_STREAM"), &dev, &ino) &&
+                   fstat(STDERR_FILENO, &st) == 0 &&
+                   static_cast<unsigned long long>(st.st_dev) == dev &&
+                   static_cast<unsigned long long>(st.st_ino) == ino;
+        errno = saved_errno;
+        return yes;
+    }();
+    return journal;
+}
+
 void write_all(int fd, const char *p, size_t n)
 {
     while (n > 0) {
@@ -51,13 +99,18 @@ void emit(int level, const char *fmt, va_list ap)
 {
     int saved_errno = errno; // logging must not disturb the caller's errno
     char head[96];
-    int64_t now = get_real_time_ms();
-    time_t secs = static_cast<time_t>(now / 1000);
-    struct tm tm;
-    localtime_r(&secs, &tm);
-    size_t n = strftime(head, sizeof head, "%Y-%m-%d %H:%M:%S", &tm);
-    snprintf(head + n, sizeof head - n, ".%03d %c ", static_cast<int>(now % 1000),
-             level_mark(level));
+    if (stderr_is_journal()) {
+        // The journal stamps each line itself and reads the priority prefix.
+        snprintf(head, sizeof head, "<%d>%c ", syslog_priority(level), level_mark(level));
+    } else {
+        int64_t now = get_real_time_ms();
+        time_t secs = static_cast<time_t>(now / 1000);
+        struct tm tm;
+        localtime_r(&secs, &tm);
+        size_t n = strftime(head, sizeof head, "%Y-%m-%d %H:%M:%S", &tm);
+        snprintf(head + n, sizeof head - n, ".%03d %c ", static_cast<int>(now % 1000),
+                 level_mark(level));
+    }
     std::string line(head);
     mox_co *co = mox_current_co();
     if (co != nullptr && co->ctx != nullptr) {

@@ -2,7 +2,11 @@
  *   "2026-11-23 10:00:00.123 E [ctx-id] message"
  * with a level mark (E 0, W 1, I 2, N 3..6, D 7 and above) and the id of
  * the current coroutine's context where it has one. A message is written
- * when its level is not greater than __mox_log_level. */
+ * when its level is not greater than __mox_log_level. When standard error
+ * is the journal (JOURNAL_STREAM names its device and inode), a line starts
+ * with its syslog priority instead of the time stamp:
+ *   "<3>E [ctx-id] message"
+ * with <3> for level 0, <4> for 1, <6> for 2, <5> for 3..6, <7> above. */
 #ifndef MOX_LOG_H
 #define MOX_LOG_H
 
