@@ -15,6 +15,8 @@
 #include <cerrno>
 #include <chrono>
 #include <openssl/x509v3.h>
+#include <memory>
+#include <pthread.h>
 #include <thread>
 
 namespace asio = boost::asio;
@@ -169,6 +171,21 @@ bool accept_should_pause(const boost::system::error_code &ec)
            ec == asio::error::no_buffer_space || ec == asio::error::no_memory;
 }
 
+struct session_job {
+    server *srv;
+    tcp::socket sock;
+};
+
+void *run_session(void *arg)
+{
+    std::unique_ptr<session_job> job(static_cast<session_job *>(arg));
+    session(*job->srv, std::move(job->sock));
+    std::lock_guard<std::mutex> lock(job->srv->conn_mu);
+    job->srv->connections--;
+    job->srv->conn_freed.notify_one();
+    return nullptr;
+}
+
 } // namespace
 
 void serve(server &srv, tcp::acceptor &acceptor)
@@ -197,14 +214,24 @@ void serve(server &srv, tcp::acceptor &acceptor)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         if (ec)
             continue;
-        std::lock_guard<std::mutex> lock(srv.conn_mu);
-        srv.connections++;
-        std::thread([&srv, s = std::move(sock)]() mutable {
-            session(srv, std::move(s));
+        {
             std::lock_guard<std::mutex> lock(srv.conn_mu);
-            srv.connections--;
-            srv.conn_freed.notify_one();
-        }).detach();
+            srv.connections++;
+        }
+        // pthread directly: a thread that cannot be had is a return code,
+        // not an exception thrown from inside std::thread.
+        auto *job = new session_job{&srv, std::move(sock)};
+        pthread_t tid;
+        if (pthread_create(&tid, nullptr, run_session, job) == 0) {
+            pthread_detach(tid);
+            continue;
+        }
+        // No thread (out of memory or descriptors): this connection is
+        // dropped, the simulator waits and goes on.
+        delete job;
+        std::lock_guard<std::mutex> lock(srv.conn_mu);
+        srv.connections--;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
 }
 
