@@ -270,6 +270,8 @@ int main(int argc, char **argv)
     // bare loop's time per file.
     Tree sample{"/sample", std::max(acc.files / 5, acc.dirs), acc.dirs};
     Tree big{"/big", arg(4, 100000), arg(5, 1000), true}, empty{"/empty", 0, 0};
+    // Each figure as soon as it is known: the whole run takes minutes.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     Bench bn;
     bn.tool = argv[1];
     bn.err = "/tmp/bench-replication-" + std::to_string(getpid()) + ".err";
