@@ -1,13 +1,13 @@
 // Replication of one account between two simulators on loopback: the tool's
 // enable and consistency check of an account of small files, beside what
 // the simulators take for the same calls without the tool, measured in the
-// same run (their small-call rate, and a bare client loop of the enable's
-// per-file calls on a sample); then the check's peak RSS per listed file on
-// a big account. The big account's files are named as temporary files: the
-// check lists and holds every one of them but examines none, so it runs to
-// its end without the simulators replicating 100,000 files first.
+// same run (their small-call rate, and bare client loops of the same calls);
+// then the check's peak RSS per listed file on a big account. Its files are named as temporary
+// files: the check lists and holds every one of them but examines none, so it runs to its end
+// without the simulators replicating 100,000 files first.
 //   bench_replication TOOL [FILES] [DIRS] [BIG_FILES] [BIG_DIRS]
 #include "co_runner.h"
+#include "ember/ar_io.h"
 #include "ember/ember.h"
 #include "gateway_sim.h"
 #include "mox/mox.h"
@@ -128,6 +128,78 @@ double bare_enable(const Sim &master, const Sim &slave, const Tree &t)
     return ms;
 }
 
+// Reads every entry of `dir`; false on a failure.
+bool read_dir(ar_io_dir *dir)
+{
+    ar_io_dir_entry *cur = nullptr;
+    int rc = dir->ops->read_first(dir, nullptr, &cur, 0);
+    while (rc > 0)
+        rc = dir->ops->read_next(dir, cur, 0);
+    if (cur)
+        dir->ops->release_entry(dir, cur);
+    return rc == 0;
+}
+
+void list_tree(ember_client *c, const Tree &t)
+{
+    ar_io_dir *top = nullptr;
+    if (ar_io_open_ember_dir_cl(c, t.account.c_str(), &top, 0) != 0 || !read_dir(top))
+        abort();
+    for (long d = 0; d < t.dirs; d++) {
+        ar_io_dir *sub = nullptr;
+        std::string name = "d";
+        name += std::to_string(d);
+        if (top->ops->open_child(top, name.c_str(), &sub, 0) != 0 || !read_dir(sub))
+            abort();
+        ar_io_dir_put(sub);
+    }
+    ar_io_dir_put(top);
+}
+
+void state_of(ember_client *c, const std::string &path)
+{
+    char *text = nullptr;
+    if (ember_file_get_state(c, path.c_str(), &text) != 0)
+        abort();
+    mox_free(text);
+}
+
+// The consistency check's calls, in its order, straight through the client
+// library: the simulators' own time for them. In ms.
+double bare_check(const Sim &master, const Sim &slave, const Tree &t)
+{
+    double ms = 0;
+    tarn_test::run_in_coroutine(
+        [&] {
+            ember_client *m = site_client(master), *s = site_client(slave);
+            auto t0 = clock_type::now();
+            for (ember_client *c : {m, s}) {
+                char *secret = nullptr;
+                if (ember_get_trust_secret(c, t.account.c_str() + 1, 1, &secret) != 0)
+                    abort();
+                mox_free(secret);
+            }
+            list_tree(m, t);
+            for (long d = 0; d < t.dirs; d++)
+                for (long f = 0; f < t.in_dir(d); f++)
+                    state_of(m, t.file(d, f));
+            list_tree(s, t);
+            for (long d = 0; d < t.dirs; d++)
+                for (long f = 0; f < t.in_dir(d); f++) {
+                    state_of(s, t.file(d, f));
+                    ember_file *h = nullptr;
+                    if (ember_file_open(m, &h, t.file(d, f).c_str(), 0) != 0 ||
+                        ember_file_close(h) != 0)
+                        abort();
+                }
+            ms = ms_since(t0);
+            ember_client_put(s);
+            ember_client_put(m);
+        },
+        3600);
+    return ms;
+}
+
 struct Run {
     int status = 0;
     double ms = 0, cpu_ms = 0;
@@ -226,21 +298,31 @@ struct Bench {
     }
 };
 
-// Enable and check of `acc`, against a bare loop on `sample`. False when
-// the tool failed.
+// Enable and check of `acc`: the enable against a bare loop on `sample`
+// before and after it, the check against a bare loop of the same calls in
+// alternating rounds. False when the tool failed.
 bool whole_account(Bench &bn, const Tree &acc, const Tree &sample, const Run &empty)
 {
     printf("account of %ld files in %ld directories:\n", acc.files, acc.dirs);
     bn.rates(5000);
     double sample_ms = bare_enable(bn.a, bn.b, sample);
     Run en = bn.run("--enable", acc);
-    Run chk = bn.run("--check-consistency", acc);
+    sample_ms = (sample_ms + bare_enable(bn.a, bn.b, sample)) / 2;
+    Run chk;
+    double bare_ms = 0;
+    for (int round = 0; round < 3; round++) {
+        Run r = bn.run("--check-consistency", acc);
+        double b = bare_check(bn.a, bn.b, acc);
+        if (round == 0 || r.ms < chk.ms)
+            chk = r;
+        bare_ms = round == 0 ? b : std::min(bare_ms, b);
+    }
     bn.rates(5000);
-    printf("%-26s %7ld calls in %8.1f ms: %6.0f calls/s\n", "bare loop, enable per file",
-           sample.files, sample_ms, sample.files * 1e3 / sample_ms);
     long list = acc.listing_calls(), n = acc.files;
     // Enable: the master's secret queried and set, the slave's set, the
     // master's listing, a call per file.
+    printf("%-26s %7ld calls in %8.1f ms: %6.0f calls/s (mean of two)\n",
+           "bare loop, enable per file", sample.files, sample_ms, sample.files * 1e3 / sample_ms);
     bool ok = report("tool --enable", en, 3 + list + n, bn.err);
     if (ok)
         overhead(en.ms, sample_ms * n / sample.files + bn.sims_ms(2 + list, 1),
@@ -248,8 +330,12 @@ bool whole_account(Bench &bn, const Tree &acc, const Tree &sample, const Run &em
     // Check: on the master its secret, its listing, each file's state and
     // each slave file's open and close; on the slave its secret, its listing
     // and each file's state.
-    if (!report("tool --check-consistency", chk, 2 + 2 * list + 4 * n, bn.err))
+    long calls = 2 + 2 * list + 4 * n;
+    printf("%-26s %7ld calls in %8.1f ms: %6.0f calls/s (best of 3)\n", "bare loop, check's calls",
+           calls, bare_ms, calls * 1e3 / bare_ms);
+    if (!report("tool --check-consistency", chk, calls, bn.err))
         return false;
+    overhead(chk.ms, bare_ms, "the bare loop of the same calls, best of 3 each");
     overhead(chk.ms, bn.sims_ms(1 + list + 3 * n, 1 + list + n),
              "each call at the small-call rate");
     per_file(chk, empty, n);
@@ -266,9 +352,9 @@ int main(int argc, char **argv)
     }
     auto arg = [&](int i, long dflt) { return argc > i ? atol(argv[i]) : dflt; };
     Tree acc{"/acc", arg(2, 10000), arg(3, 200)};
-    // A fifth of the account (at least one file per directory) gives the
+    // A tenth of the account (at least one file per directory) gives the
     // bare loop's time per file.
-    Tree sample{"/sample", std::max(acc.files / 5, acc.dirs), acc.dirs};
+    Tree sample{"/sample", std::max(acc.files / 10, acc.dirs), acc.dirs};
     Tree big{"/big", arg(4, 100000), arg(5, 1000), true}, empty{"/empty", 0, 0};
     // Each figure as soon as it is known: the whole run takes minutes.
     setvbuf(stdout, nullptr, _IOLBF, 0);
