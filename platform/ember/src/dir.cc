@@ -4,6 +4,8 @@
 #include "ember_call.h"
 #include "mox/errors.h"
 
+#include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,15 +14,14 @@ namespace json = boost::json;
 namespace
 {
 
-struct entry {
-    std::string name;
-    uint32_t mode;
-};
-
 struct ember_dir : ar_io_dir {
     ember_client *client;
     std::string path;
-    std::vector<entry> page;
+    // The current page as parsed, on a resource of its own that goes with
+    // the page; the entries' names point into it.
+    std::optional<json::value> answer;
+    std::vector<ar_io_dir_entry> page;
+    std::deque<std::string> decoded; // names that came as name_b64
     size_t pos = 0;
     std::string listing; // the gateway's listing id, "" before the first page
     uint64_t offset = 0; // entries delivered before this page
@@ -33,10 +34,47 @@ ember_dir *self(ar_io_dir *dir)
     return static_cast<ember_dir *>(dir);
 }
 
+// The entry's name, NUL-terminated and valid as long as the page; null
+// when the entry is malformed.
+const char *entry_name(ember_dir *d, const json::object &o)
+{
+    const json::value *plain = o.if_contains("name");
+    if (plain && plain->is_string() && !o.contains("name_b64"))
+        return plain->get_string().c_str();
+    std::string name;
+    if (ember_proto::get_name(o, "name", name) != 1)
+        return nullptr;
+    d->decoded.push_back(std::move(name));
+    return d->decoded.back().c_str();
+}
+
+int take_page(ember_dir *d, const json::object &answer)
+{
+    const json::value *entries = answer.if_contains("entries");
+    const json::value *listing = answer.if_contains("listing");
+    const json::value *more = answer.if_contains("more");
+    if (!entries || !entries->is_array() || !listing || !listing->is_string() || !more ||
+        !more->is_bool())
+        return -MOX_EPROTO;
+    d->page.reserve(entries->get_array().size());
+    for (const json::value &e : entries->get_array()) {
+        const json::object *o = e.if_object();
+        const json::value *mode = o ? o->if_contains("mode") : nullptr;
+        const char *name = mode && mode->is_int64() ? entry_name(d, *o) : nullptr;
+        if (!name)
+            return -MOX_EPROTO;
+        d->page.push_back({name, static_cast<uint32_t>(mode->get_int64())});
+    }
+    d->listing.assign(listing->get_string().data(), listing->get_string().size());
+    d->last = !more->get_bool();
+    return 0;
+}
+
 int fetch(ember_dir *d)
 {
     d->offset += d->page.size();
     d->page.clear();
+    d->decoded.clear();
     d->pos = 0;
     json::object req{{"limit", ember_proto::list_page_max}};
     ember_proto::put_name(req, "path", d->path);
@@ -44,27 +82,12 @@ int fetch(ember_dir *d)
         req["listing"] = d->listing;
         req["offset"] = d->offset;
     }
-    json::object answer;
-    int rc = ember::call(d->client, ember_proto::op_dir_list, req, &answer);
-    if (rc != 0)
-        return rc;
-    const json::value *entries = answer.if_contains("entries");
-    const json::value *listing = answer.if_contains("listing");
-    const json::value *more = answer.if_contains("more");
-    if (!entries || !entries->is_array() || !listing || !listing->is_string() || !more ||
-        !more->is_bool())
-        return -MOX_EPROTO;
-    for (const json::value &e : entries->as_array()) {
-        const json::object *o = e.if_object();
-        const json::value *mode = o ? o->if_contains("mode") : nullptr;
-        std::string name;
-        if (!mode || !mode->is_int64() || ember_proto::get_name(*o, "name", name) != 1)
-            return -MOX_EPROTO;
-        d->page.push_back({std::move(name), static_cast<uint32_t>(mode->as_int64())});
-    }
-    d->listing = std::string(listing->as_string());
-    d->last = !more->as_bool();
-    return 0;
+    // A page is parsed in a few blocks and released at once, not entry by
+    // entry.
+    d->answer.reset();
+    json::value &answer = d->answer.emplace(json::make_shared_resource<json::monotonic_resource>());
+    int rc = ember::call_value(d->client, ember_proto::op_dir_list, req, answer);
+    return rc != 0 ? rc : take_page(d, answer.get_object());
 }
 
 // 1 with the cursor on the entry at `pos`, 0 at the end, or an error.
@@ -77,8 +100,7 @@ int advance(ember_dir *d)
         if (rc != 0)
             return rc;
     }
-    d->cursor.name = d->page[d->pos].name.c_str();
-    d->cursor.mode = d->page[d->pos].mode;
+    d->cursor = d->page[d->pos];
     return 1;
 }
 
@@ -87,6 +109,8 @@ int read_first(ar_io_dir *dir, ar_io_dir_entry *, ar_io_dir_entry **cursor, int)
     ember_dir *d = self(dir);
     d->listing.clear();
     d->page.clear();
+    d->decoded.clear();
+    d->answer.reset();
     d->offset = 0;
     d->pos = 0;
     d->last = false;

@@ -13,6 +13,10 @@ namespace ember
 // transport failure. Suspends the calling coroutine.
 int call(ember_client *c, const char *op, const boost::json::object &req,
          boost::json::object *answer);
+// As call, with the answer parsed on `answer`'s own storage and left there
+// (an object on success). Suspends the calling coroutine.
+int call_value(ember_client *c, const char *op, const boost::json::object &req,
+               boost::json::value &answer);
 // As call, and copies the answer's text `field` into *out (runtime
 // allocation; null on failure).
 int call_text(ember_client *c, const char *op, const boost::json::object &req, const char *field,

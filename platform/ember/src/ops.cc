@@ -10,7 +10,7 @@ namespace json = boost::json;
 namespace ember
 {
 
-int call(ember_client *c, const char *op, const json::object &req, json::object *answer)
+int call_value(ember_client *c, const char *op, const json::object &req, json::value &answer)
 {
     unsigned status = 0;
     std::string body;
@@ -18,18 +18,26 @@ int call(ember_client *c, const char *op, const json::object &req, json::object 
     if (rc != 0)
         return rc;
     boost::system::error_code ec;
-    json::value v = json::parse(body, ec);
-    const json::object *obj = (!ec && v.is_object()) ? &v.as_object() : nullptr;
+    json::value v = json::parse(body, ec, answer.storage());
+    const json::object *obj = (!ec && v.is_object()) ? &v.get_object() : nullptr;
     int code = ember_proto::err_for_status(status);
     if (obj && obj->contains("error") && obj->at("error").is_int64())
-        code = static_cast<int>(obj->at("error").as_int64());
+        code = static_cast<int>(obj->at("error").get_int64());
     if (code != 0)
         return -code;
     if (status != 200 || !obj)
         return -MOX_EPROTO;
-    if (answer)
-        *answer = *obj;
+    answer = std::move(v); // the same storage: no copy
     return 0;
+}
+
+int call(ember_client *c, const char *op, const json::object &req, json::object *answer)
+{
+    json::value v;
+    int rc = call_value(c, op, req, v);
+    if (rc == 0 && answer)
+        *answer = std::move(v.get_object());
+    return rc;
 }
 
 int call_text(ember_client *c, const char *op, const json::object &req, const char *field,

@@ -37,6 +37,8 @@ namespace ember
 namespace
 {
 
+const size_t read_room = 64 * 1024;
+
 int sys_err(const boost::system::error_code &ec)
 {
     if (ec == asio::error::eof || ec == http::error::end_of_stream ||
@@ -120,6 +122,10 @@ int connect(ember_client *c, ember_transport *t)
     asio::io_context &io = mox::io_context(mox_current_loop());
     t->stream = std::make_unique<beast::ssl_stream<beast::tcp_stream>>(io, t->ssl);
     t->buffer.clear();
+    // Room for a whole TLS record per read: with the buffer's default 512
+    // bytes, a listing page took some eighty reads, each a trip through the
+    // loop.
+    t->buffer.reserve(read_room);
     expect_name(c, t->stream->native_handle());
     tcp::resolver resolver(io);
     tcp::resolver::results_type endpoints;
