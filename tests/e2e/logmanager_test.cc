@@ -3,6 +3,7 @@
 #include "sandbox.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 using tarn_test::run_tool;
 using tarn_test::RunOptions;
@@ -40,72 +41,74 @@ class EnableLogmanager : public ::testing::Test
     Sandbox sb_;
 };
 
-TEST_F(EnableLogmanager, CommentsOutLogSettingsAndAppendsFixedOnes)
-{
-    sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv\n"
-                                              "log.level = 4\n"
-                                              "  log.path=/tmp/x\n"
-                                              "some.log.key = 1\n"
-                                              "# see log. for details\n"
-                                              "#log.old = 5\n");
-    auto r = run_tool({"enable-logmanager", "extra", "words"}, opts());
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"), std::string("root_dir = /srv\n"
-                                                                    "#log.level = 4\n"
-                                                                    "  #log.path=/tmp/x\n"
-                                                                    "some.#log.key = 1\n"
-                                                                    "# see log. for details\n"
-                                                                    "##log.old = 5\n") +
-                                                            kAppended);
-    EXPECT_EQ(sb_.read_file("etc-logmanager/tarn.conf"), kServiceConf);
-}
+// One or more runs and the files they leave. `quillon`: the default
+// configuration (null: none); `other`: a configuration given with "-c"
+// (null: none); "@A" in the expected texts stands for the appended lines.
+struct EditCase {
+    const char *name;
+    const char *quillon;
+    const char *other;
+    int runs;
+    bool logmanager_dir;
+    int status;
+    const char *err; // a part of standard error
+    const char *want_quillon, *want_other;
+    bool service_conf; // the log manager's file written
+};
 
-TEST_F(EnableLogmanager, SecondRunKeepsOneActiveCopy)
-{
-    sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv");
-    ASSERT_EQ(run_tool({"enable-logmanager"}, opts()).status, 0);
-    ASSERT_EQ(run_tool({"enable-logmanager"}, opts()).status, 0);
+const EditCase kEdits[] = {
+    {"comments_out_log_settings",
+     "root_dir = /srv\nlog.level = 4\n  log.path=/tmp/x\nsome.log.key = 1\n# see log. for "
+     "details\n#log.old = 5\n",
+     nullptr, 1, true, 0, "",
+     "root_dir = /srv\n#log.level = 4\n  #log.path=/tmp/x\nsome.#log.key = 1\n# see log. for "
+     "details\n##log.old = 5\n@A",
+     nullptr, true},
     // No final newline: the first appended line joins the last line.
-    EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"),
-              std::string("root_dir = /srv#log.path = /var/log/quillon/tarn\n"
-                          "#log.filename_prefix = tarn\n"
-                          "#log.compression = zst\n"
-                          "#log.max_file_size = 200M\n") +
-                  kAppended);
+    {"second_run_keeps_one_active_copy", "root_dir = /srv", nullptr, 2, true, 0, "",
+     "root_dir = /srv#log.path = /var/log/quillon/tarn\n#log.filename_prefix = "
+     "tarn\n#log.compression = zst\n#log.max_file_size = 200M\n@A",
+     nullptr, true},
+    {"other_config_gets_the_lines", "root_dir = /srv\nlog.level = 1\n",
+     "root_dir = /other\nlog.level = 2\n", 1, true, 0, "", "root_dir = /srv\n#log.level = 1\n",
+     "root_dir = /other\nlog.level = 2\n@A", true},
+    {"missing_default_config_only_warns", nullptr, "root_dir = /other\n", 1, true, 0, "sed",
+     nullptr, "root_dir = /other\n@A", true},
+    {"missing_logmanager_directory", "root_dir = /srv\nlog.level = 1\n", nullptr, 1, false, 1,
+     " E Can't open '/etc/logmanager.d/tarn.conf': No such file or directory\n",
+     "root_dir = /srv\n#log.level = 1\n@A", nullptr, false},
+};
+
+std::string with_appended(std::string s)
+{
+    auto at = s.find("@A");
+    return at == std::string::npos ? s : s.replace(at, 2, kAppended);
 }
 
-TEST_F(EnableLogmanager, OtherConfigGetsTheLinesDefaultGetsCommentedOut)
+TEST_F(EnableLogmanager, EditsTheConfigurationAndWritesItsOwnFile)
 {
-    sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv\nlog.level = 1\n");
-    std::string other = sb_.write_file("other.conf", "root_dir = /other\nlog.level = 2\n");
-    auto r = run_tool({"--config", other, "enable-logmanager"}, opts());
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"), "root_dir = /srv\n#log.level = 1\n");
-    EXPECT_EQ(sb_.read_file("other.conf"),
-              std::string("root_dir = /other\nlog.level = 2\n") + kAppended);
-}
-
-TEST_F(EnableLogmanager, MissingDefaultConfigOnlyWarnsThroughSed)
-{
-    std::string other = sb_.write_file("other.conf", "root_dir = /other\n");
-    auto r = run_tool({"-c", other, "enable-logmanager"}, opts());
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.err.find("sed"), std::string::npos) << r.err;
-    EXPECT_EQ(sb_.read_file("other.conf"), std::string("root_dir = /other\n") + kAppended);
-    EXPECT_EQ(sb_.read_file("etc-logmanager/tarn.conf"), kServiceConf);
-}
-
-TEST_F(EnableLogmanager, MissingLogmanagerDirectoryFailsAfterTheEdits)
-{
-    sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv\nlog.level = 1\n");
-    auto r = run_tool({"enable-logmanager"}, opts(false));
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(
-        r.err.find(" E Can't open '/etc/logmanager.d/tarn.conf': No such file or directory\n"),
-        std::string::npos)
-        << r.err;
-    EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"),
-              std::string("root_dir = /srv\n#log.level = 1\n") + kAppended);
+    for (const EditCase &c : kEdits) {
+        SCOPED_TRACE(c.name);
+        for (const char *f : {"etc-quillon/tarn.config", "other.conf", "etc-logmanager/tarn.conf"})
+            unlink(sb_.path(f).c_str());
+        if (c.quillon)
+            sb_.write_file("etc-quillon/tarn.config", c.quillon);
+        std::vector<std::string> args = {"enable-logmanager", "extra", "words"};
+        if (c.other)
+            args.insert(args.begin(), {"--config", sb_.write_file("other.conf", c.other)});
+        tarn_test::RunResult r;
+        for (int i = 0; i < c.runs; i++)
+            r = run_tool(args, opts(c.logmanager_dir));
+        EXPECT_EQ(r.status, c.status) << r.err;
+        EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+        if (c.want_quillon) {
+            EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"), with_appended(c.want_quillon));
+        }
+        if (c.want_other) {
+            EXPECT_EQ(sb_.read_file("other.conf"), with_appended(c.want_other));
+        }
+        EXPECT_EQ(sb_.read_file("etc-logmanager/tarn.conf"), c.service_conf ? kServiceConf : "");
+    }
 }
 
 // A full file system fails the checked write, for either file. Each row
@@ -135,16 +138,6 @@ TEST_F(EnableLogmanager, FullDiskIsReportedNotIgnored)
                   std::string::npos)
             << r.err;
     }
-}
-
-TEST_F(EnableLogmanager, UnwritableConfigIsReported)
-{
-    sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv\n");
-    std::string dir_as_config = sb_.mkdir("not-a-file");
-    auto r = run_tool({"-c", dir_as_config, "enable-logmanager"}, opts());
-    // A directory parses as no configuration at all, so loading fails first.
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("Failed to open or parse config file"), std::string::npos) << r.err;
 }
 
 } // namespace

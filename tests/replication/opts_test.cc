@@ -64,6 +64,8 @@ const std::vector<Case> &cases()
         {{"--force"}, 0, ""},
         {cat({{"--enable", "/acc"}, M, S}), 255, needs("--enable", "master")},
         {cat({M, {"--enable", "/acc"}, S}), 255, needs("--enable", "slave")},
+        {cat({M, {"--slave-addr", "a", "--slave-uid", "u", "--enable", "/acc"}}), 255,
+         needs("--enable", "slave")},
         {cat({M, {"--disable", "/acc"}}), 255, needs("--disable", "slave")},
         {cat({S, {"--disable", "/acc"}}), 255, needs("--disable", "master")},
         {{"--join-slave", "/acc"}, 255, needs("--join", "slave")},

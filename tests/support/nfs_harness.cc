@@ -18,11 +18,6 @@ const char *const kStandins[][2] = {
 
 } // namespace
 
-std::string nfs_standin_dir()
-{
-    return TARN_NFS_STANDINS;
-}
-
 NfsSim::NfsSim(const Sandbox &sb) : sb_(sb), state_(sb.mkdir(kStateDir))
 {
     // The stand-in cat runs this copy for every file but /proc/mounts: inside
@@ -36,9 +31,9 @@ RunOptions NfsSim::options() const
     RunOptions o;
     o.in_namespace = true;
     for (const auto &standin : kStandins)
-        o.mounts.emplace_back(nfs_standin_dir() + "/" + standin[0], standin[1]);
+        o.mounts.emplace_back(std::string(TARN_NFS_STANDINS) + "/" + standin[0], standin[1]);
     o.env.push_back("TARN_NFS_STATE=" + state_);
-    o.env.push_back("TARN_NFS_STANDINS=" + nfs_standin_dir());
+    o.env.push_back(std::string("TARN_NFS_STANDINS=") + TARN_NFS_STANDINS);
     return o;
 }
 

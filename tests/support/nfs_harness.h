@@ -45,7 +45,4 @@ class NfsSim
     std::string state_;
 };
 
-// The directory holding the stand-in programs.
-std::string nfs_standin_dir();
-
 } // namespace tarn_test

@@ -117,21 +117,15 @@ RunResult run(const std::vector<std::string> &argv_in, const RunOptions &opts)
         execvp(cargv[0], cargv.data());
         child_fail(2, std::string("exec ") + cargv[0] + ": " + strerror(errno));
     }
+    // The program reads an empty standard input.
     close(in[0]);
+    close(in[1]);
     close(out[1]);
     close(err[1]);
     if (pid < 0) {
-        close(in[1]);
         close(out[0]);
         close(err[0]);
         return result;
-    }
-    size_t fed = 0;
-    if (opts.stdin_data.empty()) {
-        close(in[1]);
-        in[1] = -1;
-    } else {
-        fcntl(in[1], F_SETFL, O_NONBLOCK);
     }
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(opts.timeout_ms);
     int open_fds = 2;
@@ -139,7 +133,7 @@ RunResult run(const std::vector<std::string> &argv_in, const RunOptions &opts)
     while (open_fds > 0) {
         if (signals_due && send_signals_if_due(opts, pid))
             signals_due = false;
-        pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {in[1], POLLOUT, 0}};
+        pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                         deadline - std::chrono::steady_clock::now())
                         .count();
@@ -151,7 +145,7 @@ RunResult run(const std::vector<std::string> &argv_in, const RunOptions &opts)
         }
         if (signals_due)
             left = std::min<long>(left, 10); // look at the file again soon
-        int n = poll(fds, in[1] >= 0 ? 3 : 2, static_cast<int>(left));
+        int n = poll(fds, 2, static_cast<int>(left));
         if (n < 0 && errno != EINTR)
             break;
         char buf[65536];
@@ -167,17 +161,8 @@ RunResult run(const std::vector<std::string> &argv_in, const RunOptions &opts)
                 --open_fds;
             }
         }
-        if (in[1] >= 0 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP)) != 0) {
-            ssize_t w = write(in[1], opts.stdin_data.data() + fed, opts.stdin_data.size() - fed);
-            if (w > 0)
-                fed += static_cast<size_t>(w);
-            if (w < 0 || fed == opts.stdin_data.size()) {
-                close(in[1]);
-                in[1] = -1;
-            }
-        }
     }
-    for (int fd : {in[1], out[0], err[0]}) {
+    for (int fd : {out[0], err[0]}) {
         if (fd >= 0)
             close(fd);
     }

@@ -23,7 +23,6 @@ struct RunOptions {
     std::vector<std::string> env;  // extra "NAME=value" entries (override inherited ones)
     std::vector<std::string> path; // directories put in front of PATH
     std::string cwd;               // working directory; empty: inherited
-    std::string stdin_data;        // fed to standard input, then closed
     int timeout_ms = 30000;
     // Sent to the program itself, in order and 0.2 s apart, once the file
     // `signal_file` exists and holds `signal_text`.
