@@ -245,10 +245,13 @@ int peer_pool::post(const std::string &addr, const char *target, const std::stri
     if (rc != 0)
         return rc;
     status = parser.get().result_int();
-    bool reusable = parser.get().keep_alive();
+    // Bytes past the answer mean the peer and we disagree on the framing.
+    bool reusable = parser.get().keep_alive() && conn->buf.size() == 0;
     answer = std::move(parser.get().body());
-    if (reusable)
+    if (reusable) {
+        conn->buf.shrink_to_fit(); // an idle connection holds no large answer's buffer
         impl_->give(addr, std::move(conn));
+    }
     return 0;
 }
 
