@@ -14,8 +14,8 @@
 #include <boost/json.hpp>
 #include <cerrno>
 #include <chrono>
-#include <openssl/x509v3.h>
 #include <memory>
+#include <openssl/x509v3.h>
 #include <pthread.h>
 #include <thread>
 
@@ -201,7 +201,7 @@ void serve(server &srv, tcp::acceptor &acceptor)
         };
         srv.mu.unlock();
         relock again{srv.mu};
-        return send_peer(addr, target, body, mac, srv.peer_timeout, answer);
+        return send_peer(srv.peers, addr, target, body, mac, srv.peer_timeout, answer);
     };
     for (;;) {
         {

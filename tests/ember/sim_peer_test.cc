@@ -138,6 +138,51 @@ TEST(SimPeer, LargeFileReplicatesByteForByte)
     EXPECT_EQ(mode_of(slave.data() + "/acc/.tmp.big.recv.xml"), 0u) << "temporary file left";
 }
 
+// The slave closes the master's kept-alive connection between two
+// replications: the second goes out on a fresh connection.
+TEST(SimPeer, ReplicationAfterThePeerClosedItsConnectionSucceeds)
+{
+    struct row {
+        const char *name;
+        std::vector<std::string> slave_options;
+        const char *fault; // on the slave, or null
+    } rows[] = {
+        {"idle timeout", {"--idle-timeout", "200"}, nullptr},
+        {"closed after the answer",
+         {},
+         R"({"op":"/v1/peer/replica","close_after":true,"count":1})"},
+    };
+    for (const row &r : rows) {
+        Sim master("dc-a"), slave("dc-b", r.slave_options);
+        master.mkdir("/acc");
+        slave.mkdir("/acc");
+        master.write("/acc/f1");
+        master.write("/acc/f2");
+        if (r.fault)
+            slave.fault(r.fault);
+        auto enable = [&](const char *path) {
+            int rc = -1;
+            run_in_coroutine([&] {
+                mox_co_ctx_set_timeout(15000);
+                ember_client *m = cert_client(master.addr(), "site-ec.pem");
+                ember_client *s = cert_client(slave.addr(), "site-ec.pem");
+                EXPECT_EQ(ember_set_trust_secret(m, "acc", 1, "shared"), 0);
+                EXPECT_EQ(ember_set_trust_secret(s, "acc", 1, "shared"), 0);
+                rc = ember_file_enable_replication(m, path, slave.addr().c_str(), "dc-b");
+                ember_client_put(s);
+                ember_client_put(m);
+            });
+            return rc;
+        };
+        int first = enable("/acc/f1");
+        // Long enough for the slave's close to reach the master.
+        std::this_thread::sleep_for(std::chrono::milliseconds(600));
+        int second = enable("/acc/f2");
+        EXPECT_EQ(first, 0) << r.name;
+        EXPECT_EQ(second, 0) << r.name << ": the reused connection was not replaced";
+    }
+}
+
 // Each side replicates its files to the other at the same time.
 TEST(SimPeer, SimsReplicatingToEachOtherBothFinish)
 {
