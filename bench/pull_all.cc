@@ -4,6 +4,7 @@
 // account and the tool's peak RSS.
 //   bench_pull TOOL [ACCOUNTS]
 #include "gateway_sim.h"
+#include "measured_run.h"
 
 #include <chrono>
 #include <cstdio>
@@ -32,28 +33,13 @@ double ms_since(clock_type::time_point t0)
 // Runs the tool; its wall time in ms and peak RSS in KiB.
 double run_tool(std::vector<std::string> args, long &rss_kib)
 {
-    std::vector<char *> argv;
-    for (auto &a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    auto t0 = clock_type::now();
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    struct rusage ru;
-    wait4(pid, &status, 0, &ru);
-    double ms = ms_since(t0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        fprintf(stderr, "bench_pull: the tool failed (status %d)\n", status);
+    measured_run r = run_measured(std::move(args));
+    if (!WIFEXITED(r.status) || WEXITSTATUS(r.status) != 0) {
+        fprintf(stderr, "bench_pull: the tool failed (status %d)\n", r.status);
         exit(1);
     }
-    rss_kib = ru.ru_maxrss;
-    return ms;
+    rss_kib = r.rss_kib;
+    return r.ms;
 }
 
 void die(const char *what)

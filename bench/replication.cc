@@ -10,6 +10,7 @@
 #include "ember/ar_io.h"
 #include "ember/ember.h"
 #include "gateway_sim.h"
+#include "measured_run.h"
 #include "mox/mox.h"
 
 #include <algorithm>
@@ -200,11 +201,7 @@ double bare_check(const Sim &master, const Sim &slave, const Tree &t)
     return ms;
 }
 
-struct Run {
-    int status = 0;
-    double ms = 0, cpu_ms = 0;
-    long rss_kib = 0;
-};
+using Run = measured_run;
 
 // Runs the tool's replication command on the two sites with `op`; its
 // standard error goes to `err`.
@@ -229,26 +226,7 @@ Run run_tool(const std::string &tool, const Sim &master, const Sim &slave, const
                                      ember_test::pki_file("web-ec.pem"),
                                      op,
                                      account};
-    std::vector<char *> argv;
-    for (auto &a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    auto t0 = clock_type::now();
-    pid_t pid = fork();
-    if (pid == 0) {
-        int fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        dup2(fd, 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    Run r;
-    struct rusage ru;
-    wait4(pid, &r.status, 0, &ru);
-    r.ms = ms_since(t0);
-    r.cpu_ms = (ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1e3 +
-               (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e3;
-    r.rss_kib = ru.ru_maxrss;
-    return r;
+    return run_measured(std::move(args), err);
 }
 
 // Prints a run's figures; false (after the tool's last words) when it failed.
