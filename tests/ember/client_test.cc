@@ -1,19 +1,22 @@
-// The client library against real simulator processes.
+// The client library: what it checks before any call, calls and directory
+// handles against a simulator, and the tokens it signs.
 #include "co_runner.h"
+#include "ember/ar_io.h"
 #include "ember/ember.h"
 #include "ember/protocol.hpp"
 #include "gateway_sim.h"
 #include "mox/mox.h"
 
+#include <algorithm>
 #include <boost/json.hpp>
-#include <cerrno>
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace json = boost::json;
+namespace p = ember_proto;
 
 using ember_test::cert_client;
 using ember_test::jwt_client;
+using ember_test::pki_file;
 using ember_test::Sim;
 using tarn_test::run_in_coroutine;
 
@@ -55,7 +58,18 @@ TEST(EmberNames, Utf8CheckAgreesWithTheParser)
     for (std::string name : names) {
         boost::system::error_code ec;
         json::parse("\"" + name + "\"", ec);
-        EXPECT_EQ(ember_proto::utf8_valid(name), !ec) << testing::PrintToString(name);
+        EXPECT_EQ(p::utf8_valid(name), !ec) << testing::PrintToString(name);
+    }
+}
+
+// An error code sent as a status alone comes back as itself.
+TEST(EmberProtocol, StatusesCarryErrorCodes)
+{
+    for (int code = 0; code < 100; code++) {
+        if (code == p::err_malformed || code == p::err_notdir)
+            continue; // they share their status with err_inval and err_noent
+        EXPECT_EQ(p::err_for_status(p::status_for_err(code)),
+                  p::status_for_err(code) == 500 ? p::err_io : code);
     }
 }
 
@@ -67,7 +81,7 @@ TEST(EmberClient, CredentialsAndReferences)
     EXPECT_FALSE(ember_client_is_web(site));
     EXPECT_FALSE(ember_client_is_jwt(site));
     EXPECT_EQ(ember_client_load_auth_from_pem_file(site, "/nonexistent"), -MOX_ENOENT);
-    EXPECT_EQ(ember_client_load_auth_from_pem_file(site, ember_test::pki_file("ca.pem").c_str()),
+    EXPECT_EQ(ember_client_load_auth_from_pem_file(site, pki_file("ca.pem").c_str()),
               -MOX_EMALFORMED); // a certificate without its key
     EXPECT_EQ(ember_client_set_jwt(site, "not-a-token"), -MOX_EINVAL);
     EXPECT_EQ(ember_client_set_allowed_protos(site, 4), -MOX_EINVAL);
@@ -80,236 +94,193 @@ TEST(EmberClient, CredentialsAndReferences)
     ember_client_put(jwt);
 }
 
-TEST(EmberClient, TrustSecretsPullAndOndemand)
+// A token client on TLS 1.2 and a certificate client on TLS 1.3.
+TEST(EmberClient, CallsOnOneGateway)
 {
     Sim sim;
     sim.mkdir("/acc");
-    run_in_coroutine([&] {
-        ember_client *c = cert_client(sim.addr(), "site-ec.pem");
-        EXPECT_EQ(ember_client_set_ident(c, "TARN migration tool", 0, 0, 1), 0);
-        EXPECT_EQ(ember_client_set_allowed_protos(c, 2), 0); // TLS 1.3 only
-        char *s = nullptr;
-        EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), -MOX_ENOENT);
-        EXPECT_EQ(s, nullptr);
-        EXPECT_EQ(ember_set_trust_secret(c, "acc", 1, "one"), 0);
-        EXPECT_EQ(ember_set_trust_secret(c, "acc", 2, "two"), 0);
-        EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), 0);
-        EXPECT_EQ(take(s), "one");
-        EXPECT_EQ(ember_set_trust_secret(c, "acc", 1, ""), 0);
-        EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), -MOX_ENOENT);
-        EXPECT_EQ(ember_get_trust_secret(c, "acc", 2, &s), 0);
-        EXPECT_EQ(take(s), "two");
-        EXPECT_EQ(ember_set_trust_secret(c, "nobody", 1, "x"), -MOX_ENOENT);
-        EXPECT_EQ(ember_account_pull_configure_dst(c, "new", "dc-b", "10.0.0.1", "acc", "sec", 5),
-                  0);
-        EXPECT_EQ(ember_account_pull_set_ondemand_only(c, "acc", 1), 0);
-        EXPECT_EQ(ember_account_pull_set_ondemand_only(c, "nobody", 1), -MOX_ENOENT);
-        ember_client_put(c);
-    });
-    std::string dump = sim.dump();
-    EXPECT_NE(dump.find("\"new\":{\"flags\":\"5\",\"secret\":\"sec\",\"src\":\"10.0.0.1\","
-                        "\"src_account\":\"acc\",\"src_dc_uid\":\"dc-b\",\"status\":\"pending\"}"),
-              std::string::npos)
-        << dump;
-    EXPECT_NE(dump.find("\"ondemand\":{\"acc\":1}"), std::string::npos) << dump;
-}
-
-TEST(EmberClient, FileStateOpenAndNotFound)
-{
-    Sim sim;
-    sim.mkdir("/acc/d");
     sim.write("/acc/f");
     run_in_coroutine([&] {
-        ember_client *c = cert_client(sim.addr(), "site-rsa.pem");
-        EXPECT_EQ(ember_client_set_allowed_protos(c, 1), 0); // TLS 1.2 only
-        char *state = nullptr;
-        EXPECT_EQ(ember_file_get_state(c, "/acc/f", &state), 0);
-        mox_config *cfg = mox_read_config_mem(state);
-        ASSERT_NE(cfg, nullptr) << state;
-        int32_t enabled = 7;
-        const char *peer = nullptr;
-        EXPECT_EQ(mox_config_getint(cfg, "replica.enabled", &enabled, 4), 0);
-        EXPECT_EQ(enabled, 0);
-        EXPECT_EQ(mox_config_getstr(cfg, "replica.peer_uid", &peer), 0);
-        mox_free_config(cfg);
-        mox_free(state);
-        EXPECT_EQ(ember_file_get_state(c, "/acc/missing", &state), -MOX_ENOENT);
-        EXPECT_EQ(ember_file_get_state(c, "/acc/d", &state), -MOX_ENOENT);
-        EXPECT_EQ(ember_file_get_state(c, "/acc/../etc", &state), -MOX_EINVAL);
+        ember_client *jwt = jwt_client(sim.addr(), "site-rsa.pem", 15);
+        ember_client *cert = cert_client(sim.addr(), "site-ec.pem");
+        EXPECT_EQ(ember_client_set_allowed_protos(jwt, 1), 0);
+        EXPECT_EQ(ember_client_set_allowed_protos(cert, 2), 0);
+        EXPECT_EQ(ember_account_pull_set_ondemand_only(jwt, "acc", 1), 0);
+        EXPECT_EQ(ember_account_pull_set_ondemand_only(cert, "nobody", 1), -MOX_ENOENT);
         ember_file *f = nullptr;
-        EXPECT_EQ(ember_file_open(c, &f, "/acc/missing", 0), -MOX_ENOENT);
-        ASSERT_EQ(ember_file_open(c, &f, "/acc/f", 0), 0);
+        EXPECT_EQ(ember_file_open(cert, &f, "/acc/missing", 0), -MOX_ENOENT);
+        ASSERT_EQ(ember_file_open(jwt, &f, "/acc/f", 0), 0);
         EXPECT_EQ(ember_file_close(f), 0);
-        ember_client_put(c);
+        ember_client_put(cert);
+        ember_client_put(jwt);
     });
+    EXPECT_NE(sim.dump().find(R"("ondemand":{"acc":1})"), std::string::npos);
 }
 
-TEST(EmberClient, ReplicationBetweenTwoSims)
+// The header names the algorithm of the key; keys that no label fits sign
+// nothing.
+TEST(EmberJwt, AlgorithmFollowsTheKey)
 {
-    Sim master("dc-a"), slave("dc-b");
-    master.mkdir("/acc/sub");
-    master.write("/acc/sub/f", "payload");
-    slave.mkdir("/acc");
-    run_in_coroutine([&] {
-        ember_client *m = jwt_client(master.addr(), "site-rsa.pem", 7, "dc-a");
-        ember_client *s = jwt_client(slave.addr(), "web-ec.pem", 7, "dc-b");
-        std::string slave_addr = slave.addr();
-        const char *sa = slave_addr.c_str();
-        // Without a shared secret the slave refuses the master.
-        EXPECT_EQ(ember_file_enable_replication(m, "/acc/sub/f", sa, "dc-b"), -MOX_EPERM);
-        EXPECT_EQ(ember_set_trust_secret(m, "acc", 1, "shared"), 0);
-        EXPECT_EQ(ember_set_trust_secret(s, "acc", 1, "other"), 0);
-        EXPECT_EQ(ember_file_enable_replication(m, "/acc/sub/f", sa, "dc-b"), -MOX_EAUTH);
-        EXPECT_EQ(ember_set_trust_secret(s, "acc", 1, "shared"), 0);
-        EXPECT_EQ(ember_file_enable_replication(m, "/acc/sub/f", sa, "dc-b"), 0);
-        char *st = nullptr;
-        EXPECT_EQ(ember_file_get_state(m, "/acc/sub/f", &st), 0);
-        EXPECT_EQ(take(st),
-                  "replica.enabled = 1\nreplica.is_master = 1\nreplica.peer_uid = dc-b\n");
-        EXPECT_EQ(ember_file_get_state(s, "/acc/sub/f", &st), 0);
-        EXPECT_EQ(take(st),
-                  "replica.enabled = 1\nreplica.is_master = 0\nreplica.peer_uid = dc-a\n");
-        // Roles swap, and the new master can hand them back.
-        EXPECT_EQ(ember_file_switch_to_slave_replica(m, "/acc/sub/f"), 0);
-        EXPECT_EQ(ember_file_get_state(s, "/acc/sub/f", &st), 0);
-        EXPECT_EQ(take(st),
-                  "replica.enabled = 1\nreplica.is_master = 1\nreplica.peer_uid = dc-a\n");
-        EXPECT_EQ(ember_file_switch_to_slave_replica(m, "/acc/sub/f"), -MOX_EINVAL);
-        EXPECT_EQ(ember_file_switch_to_slave_replica(s, "/acc/sub/f"), 0);
-        // Detach on the slave, join it again, then disable from the master.
-        EXPECT_EQ(ember_file_detach_replica_from_master(s, "/acc/sub/f", 0), 0);
-        EXPECT_EQ(ember_file_get_state(s, "/acc/sub/f", &st), 0);
-        EXPECT_EQ(take(st), "replica.enabled = 0\nreplica.is_master = 0\nreplica.peer_uid = \n");
-        EXPECT_EQ(ember_file_join_to_slave_replica(m, "/acc/sub/f", "dc-b"), 0);
-        EXPECT_EQ(ember_file_join_to_slave_replica(m, "/acc/sub/f", "dc-z"), -MOX_ENOENT);
-        EXPECT_EQ(ember_file_disable_replication(m, "/acc/sub/f", 0), 0);
-        EXPECT_EQ(ember_file_get_state(s, "/acc/sub/f", &st), 0);
-        EXPECT_EQ(take(st), "replica.enabled = 0\nreplica.is_master = 0\nreplica.peer_uid = \n");
-        ember_client_put(s);
-        ember_client_put(m);
-    });
-    std::ifstream in(slave.data() + "/acc/sub/f");
-    std::string copy((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(copy, "payload");
-}
-
-// Which operations each grant mask allows: 3 checks, 7 replicates, 11 pulls.
-TEST(EmberClient, AccessMasksAreEnforced)
-{
-    Sim sim;
-    sim.mkdir("/acc");
-    sim.write("/acc/f");
-    run_in_coroutine([&] {
-        struct {
-            uint32_t mask;
-            int get, set1, set2, pull, state, enable;
-        } cases[] = {
-            {3, -MOX_ENOENT, -MOX_EPERM, -MOX_EPERM, -MOX_EPERM, 0, -MOX_EPERM},
-            {7, -MOX_ENOENT, 0, -MOX_EPERM, -MOX_EPERM, 0, -MOX_EPERM /* no secret */},
-            {11, -MOX_ENOENT, -MOX_EPERM, 0, 0, 0, -MOX_EPERM},
-            {2, -MOX_EPERM, -MOX_EPERM, -MOX_EPERM, -MOX_EPERM, -MOX_EPERM, -MOX_EPERM},
-        };
-        for (auto &tc : cases) {
-            ember_client *c = jwt_client(sim.addr(), "web-ec.pem", tc.mask);
-            char *s = nullptr;
-            EXPECT_EQ(ember_get_trust_secret(c, "acc", 3, &s), tc.get) << tc.mask;
-            EXPECT_EQ(ember_set_trust_secret(c, "acc", 1, ""), tc.set1) << tc.mask;
-            EXPECT_EQ(ember_set_trust_secret(c, "acc", 2, ""), tc.set2) << tc.mask;
-            EXPECT_EQ(ember_account_pull_configure_dst(c, "n", "u", "h", "acc", "s", 4), tc.pull)
-                << tc.mask;
-            EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), tc.state) << tc.mask;
-            mox_free(s);
-            EXPECT_EQ(ember_file_enable_replication(c, "/acc/f", "127.0.0.1:1", "u"), tc.enable)
-                << tc.mask;
-            ember_client_put(c);
+    struct {
+        const char *type, *curve, *alg; // no type for no key; no alg when nothing is signed
+    } rows[] = {
+        {"RSA", nullptr, "RS256"},
+        {"EC", "P-256", "ES256"},
+        {"EC", "P-384", nullptr},
+        {"EC", "secp256k1", nullptr}, // 256 bits too, but not what ES256 names
+        {"EC", "brainpoolP256r1", nullptr},
+        {"ED25519", nullptr, nullptr},
+        {nullptr, nullptr, nullptr},
+    };
+    for (auto &r : rows) {
+        SCOPED_TRACE(r.curve ? r.curve : r.type ? r.type : "no key");
+        std::string type = r.type ? r.type : "";
+        EVP_PKEY *k = type == "RSA" ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048})
+                      : r.curve     ? EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", r.curve)
+                      : r.type      ? EVP_PKEY_Q_keygen(nullptr, nullptr, r.type)
+                                    : nullptr;
+        ember_jwt_request req = {"a", "b", "c", "d", "e", nullptr, 0, k};
+        std::string jwt = take(ember_jwt_generate(&req)), header;
+        EVP_PKEY_free(k);
+        if (!r.alg) {
+            EXPECT_EQ(jwt, "(null)");
+            continue;
         }
-    });
+        ASSERT_TRUE(p::base64url_decode(jwt.substr(0, jwt.find('.')), header)) << jwt;
+        EXPECT_EQ(json::parse(header).at("alg"), r.alg);
+    }
 }
 
-TEST(EmberClient, RefusedCredentials)
+// An entry of a page: `name` goes out as plain text when it is UTF-8 and
+// base64url otherwise, as a gateway sends it.
+std::string entry(const std::string &name, int mode = 0x81a4)
 {
-    Sim sim("dc-a");
-    sim.mkdir("/acc");
-    run_in_coroutine([&] {
-        char *s = nullptr;
-        ember_client *none = ember_client_alloc();
-        ember_client_set_host(none, sim.addr().c_str());
-        EXPECT_EQ(ember_get_trust_secret(none, "acc", 1, &s), -MOX_EAUTH);
-        ember_client_put(none);
-        // Signed by a key the sim does not trust; meant for another gateway.
-        for (ember_client *c : {jwt_client(sim.addr(), "site-ec.pem", 15),
-                                jwt_client(sim.addr(), "site-rsa.pem", 15, "dc-b")}) {
-            EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), -MOX_EAUTH);
+    std::string key = p::utf8_valid(name) ? "name" : "name_b64";
+    std::string value = key == "name" ? name : p::base64url_encode(name);
+    return "{\"" + key + "\":\"" + value + "\",\"mode\":" + std::to_string(mode) + "}";
+}
+
+std::string page(const std::string &entries, const char *rest = R"("listing":"7","more":false)")
+{
+    return "{\"error\":0,\"entries\":[" + entries + "]," + rest + "}";
+}
+
+// Opens `path` as a tree walk does: from "/" one child at a time.
+int open_path(ember_client *c, const std::string &path, ar_io_dir **out)
+{
+    int rc = ar_io_open_ember_dir_cl(c, "/", out, 0);
+    for (size_t i = 1; rc == 0 && i < path.size();) {
+        size_t j = std::min(path.find('/', i), path.size());
+        ar_io_dir *parent = *out;
+        rc = parent->ops->open_child(parent, path.substr(i, j - i).c_str(), out, 0);
+        ar_io_dir_put(parent);
+        i = j + 1;
+    }
+    return rc;
+}
+
+// Reads every entry; the names in order, or the failing code.
+int read_all(ar_io_dir *d, std::vector<std::string> &names)
+{
+    ar_io_dir_entry *cur = nullptr;
+    int rc = d->ops->read_first(d, nullptr, &cur, 0);
+    for (; rc > 0; rc = d->ops->read_next(d, cur, 0))
+        names.emplace_back(cur->name);
+    if (cur)
+        d->ops->release_entry(d, cur);
+    return rc;
+}
+
+TEST(EmberDir, WalksAndReadsPages)
+{
+    // Many coded names on one page: each must stay where its cursor saw it
+    // while the rest of the page is decoded.
+    std::string coded, mixed = entry("a") + "," + entry("\xff") + "," + entry("c\xc3\x28");
+    std::vector<std::string> want_coded;
+    for (int i = 0; i < 40; i++) {
+        want_coded.push_back("\xfe");
+        want_coded.back() += std::to_string(i);
+        coded.append(i ? "," : "").append(entry(want_coded.back()));
+    }
+    const struct {
+        const char *what;
+        std::string body; // of the first page of "/acc", when not empty
+        int rc;
+        std::vector<std::string> names{};
+        const char *path = "/acc";
+    } rows[] = {
+        {"the root", "", 0, {"acc"}, "/"},
+        {"a name that is no UTF-8", "", 0, {"x\xc3\x28y"}, "/acc/d\xc3\x28"},
+        {"a file", "", -MOX_ENOTDIR, {}, "/acc/f"},
+        {"nothing", "", -MOX_ENOENT, {}, "/acc/gone"},
+        {"plain and coded names", page(mixed), 0, {"a", "\xff", "c\xc3\x28"}},
+        {"forty coded names", page(coded), 0, want_coded},
+        {"an empty page", page(""), 0},
+        {"both forms of a name", page(R"({"name":"a","name_b64":"_w","mode":1})"), -60},
+        {"a name that is no text", page(R"({"name":7,"mode":33188})"), -60},
+        {"a coded name that is UTF-8", page(R"({"name_b64":"YQ","mode":33188})"), -60},
+        {"a coded name that is no base64url", page(R"({"name_b64":"*","mode":1})"), -60},
+        {"no mode", page(R"({"name":"a"})"), -60},
+        {"a mode that is text", page(R"({"name":"a","mode":"1"})"), -60},
+        {"no name", page(R"({"mode":33188})"), -60},
+        {"no more", page(entry("a"), R"("listing":"7")"), -60},
+        {"entries that are no list", R"({"error":0,"entries":{},"listing":"7","more":false})", -60},
+    };
+    Sim sim;
+    sim.mkdir("/acc/d\xc3\x28");
+    sim.write("/acc/d\xc3\x28/x\xc3\x28y");
+    sim.write("/acc/f");
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        json::object fault{
+            {"op", p::op_dir_list}, {"path", "/acc"}, {"count", 1}, {"body", row.body}};
+        if (!row.body.empty())
+            sim.fault(json::serialize(fault));
+        std::vector<std::string> names;
+        run_in_coroutine([&] {
+            ember_client *c = cert_client(sim.addr(), "site-ec.pem");
+            ar_io_dir *d = nullptr;
+            int rc = open_path(c, row.path, &d);
+            if (rc == 0) {
+                rc = read_all(d, names);
+                ar_io_dir_put(d);
+            }
+            EXPECT_EQ(rc, row.rc);
             ember_client_put(c);
+        });
+        if (row.rc == 0) {
+            EXPECT_EQ(names, row.names);
         }
-        ember_client *same = jwt_client(sim.addr(), "site-rsa.pem", 15, "dc-a");
-        EXPECT_EQ(ember_get_trust_secret(same, "acc", 1, &s), -MOX_ENOENT);
-        ember_client_put(same);
-        // A client certificate from another CA fails the TLS handshake.
-        ember_client *stranger = cert_client(sim.addr(), "untrusted.pem");
-        EXPECT_EQ(ember_get_trust_secret(stranger, "acc", 1, &s), -MOX_EAUTH);
-        ember_client_put(stranger);
-    });
+    }
 }
 
-TEST(EmberClient, GatewayOfAnUnknownCaIsRefused)
-{
-    Sim sim("dc-a", {}, "stranger-server");
-    sim.mkdir("/acc");
-    run_in_coroutine([&] {
-        ember_client *c = cert_client(sim.addr(), "site-ec.pem");
-        char *s = nullptr;
-        EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), -MOX_EAUTH);
-        ember_client_put(c);
-    });
-}
-
-TEST(EmberClient, TransportFailuresAndFaults)
+// Pages follow each other in order; a handle may be read again, and a page
+// that fails ends the reading with its error.
+TEST(EmberDir, ListingsOfManyPages)
 {
     Sim sim;
     sim.mkdir("/acc");
-    sim.write("/acc/f");
-    sim.write("/acc/g");
-    sim.fault(R"({"op":"/v1/file/state","path":"/acc/f","error":80})");
-    sim.fault(R"({"op":"/v1/file/state","path":"/acc/g","drop":true})");
-    sim.fault(R"({"op":"/v1/file/open","path":"/acc/f","delay_ms":3000})");
-    run_in_coroutine([&] {
-        char *s = nullptr;
-        ember_client *c = cert_client(sim.addr(), "site-ec.pem");
-        EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), -MOX_EIO);
-        EXPECT_EQ(ember_file_get_state(c, "/acc/g", &s), -ECONNRESET);
-        ember_file *f = nullptr;
-        ASSERT_EQ(ember_file_open(c, &f, "/acc/g", 0), 0); // a fresh connection
-        EXPECT_EQ(ember_file_close(f), 0);
-        mox_co_ctx_set_timeout(300);
-        EXPECT_EQ(ember_file_open(c, &f, "/acc/f", 0), -ETIMEDOUT);
-        EXPECT_EQ(ember_file_open(c, &f, "/acc/g", 0), -ETIMEDOUT); // deadline gone
-        ember_client_put(c);
-        ember_client *nowhere = cert_client("127.0.0.1:1", "site-ec.pem");
-        mox_co_set_ctx(nullptr);
-        EXPECT_EQ(ember_file_get_state(nowhere, "/acc/f", &s), -ECONNREFUSED);
-        ember_client_put(nowhere);
-    });
-}
-
-// A kept-alive connection that the gateway closes is replaced once.
-TEST(EmberClient, ReconnectsOnceAfterTheGatewayClosed)
-{
-    Sim sim;
-    sim.mkdir("/acc");
-    sim.write("/acc/f");
+    std::vector<std::string> want;
+    for (int i = 0; i < 2345; i++) { // two full pages and a part
+        want.push_back("f" + std::to_string(100000 + i));
+        sim.write("/acc/" + want.back(), "");
+    }
     run_in_coroutine([&] {
         ember_client *c = cert_client(sim.addr(), "site-ec.pem");
-        char *s = nullptr;
-        ASSERT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
-        mox_free(s);
-        sim.fault(R"({"op":"/v1/file/state","drop":true,"count":1})");
-        EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
-        mox_free(s);
-        sim.fault(R"({"op":"/v1/file/state","drop":true,"count":2})");
-        EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), -ECONNRESET);
-        EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
-        mox_free(s);
+        ar_io_dir *d = nullptr;
+        ASSERT_EQ(ar_io_open_ember_dir_cl(c, "/acc", &d, 0), 0);
+        std::vector<std::string> names;
+        EXPECT_EQ(read_all(d, names), 0);
+        EXPECT_TRUE(names == want) << names.size() << " names, not in order";
+        ar_io_dir_entry *cur = nullptr;
+        ASSERT_EQ(d->ops->read_first(d, nullptr, &cur, 0), 1);
+        sim.fault(R"({"op":"/v1/dir/list","path":"/acc","error":80})");
+        int rc = 1, seen = 1;
+        while ((rc = d->ops->read_next(d, cur, 0)) > 0)
+            seen++;
+        EXPECT_EQ(rc, -MOX_EIO);
+        EXPECT_EQ(seen, 1000);
+        ar_io_dir_put(d);
         ember_client_put(c);
     });
 }

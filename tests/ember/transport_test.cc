@@ -1,7 +1,8 @@
-// The client's transport under deadlines, cancellation, lost connections,
-// unusable answers, and addresses by name and IPv6.
+// The client's transport: deadlines and cancellation, unusable answers,
+// addresses by name and IPv6, refused credentials, and lost connections.
 #include "co_runner.h"
 #include "ember/ember.h"
+#include "ember/protocol.hpp"
 #include "gateway_sim.h"
 #include "mox/mox.h"
 
@@ -12,18 +13,15 @@
 #include <optional>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
+namespace p = ember_proto;
 using ember_test::cert_client;
 using ember_test::Sim;
 using tarn_test::run_in_coroutine;
 
 namespace
 {
-
-std::string port_of(const Sim &sim)
-{
-    return sim.addr().substr(sim.addr().rfind(':') + 1);
-}
 
 // A loopback listener that never accepts and never speaks. With `full`, its
 // accept queue is filled first, so a further connect never completes.
@@ -47,15 +45,11 @@ struct SilentListener {
         for (int f : {fd, fillers[0], fillers[1]})
             close(f);
     }
-    std::string addr() const { return "127.0.0.1:" + std::to_string(ntohs(a.sin_port)); }
 };
 
-// After `ms`, shuts the silent listener down (fd >= 0) or cancels the
-// call's context: the cancelling case, or a bound on a client that ignores
-// its deadline, which then fails with another code instead of hanging.
-// Woken early, it does nothing.
+// Cancels the call's context after `ms`: the cancelling rows, and a bound on
+// a client that ignores its deadline. Woken early, it does nothing.
 struct Watchdog {
-    int fd;
     mox_context *ctx;
     int32_t ms;
 };
@@ -63,151 +57,130 @@ struct Watchdog {
 int32_t watch(mox_co *, void *arg)
 {
     auto *w = static_cast<Watchdog *>(arg);
-    if (mox_co_wait_timeout(&w->ms) == 0)
-        return 0;
-    if (w->fd >= 0)
-        shutdown(w->fd, SHUT_RDWR);
-    else
+    if (mox_co_wait_timeout(&w->ms) != 0)
         mox_context_cancel(w->ctx);
     return 0;
 }
 
-enum class Stall { Connect, Handshake, Answer, AnswerCancelled };
+enum class Peer { sim, silent, full, none };
+enum Call { get_secret, set_secret, open_file }; // all but the first on a kept-alive connection
 
-// A call stalled at each step ends with its context; the gateway's delayed
-// request has not been carried out yet when it returns, and the same handle
-// works again in a fresh context.
-TEST(EmberTransport, DeadlinesAndCancellation)
+struct Row {
+    const char *what;
+    int rc;
+    std::string fault{}; // on the simulator; then the handle works again
+    Call call = get_secret;
+    Peer peer = Peer::sim;
+    const char *host = "127.0.0.1";                       // dialled with the peer's port
+    const char *listen = "127.0.0.1:0", *cert = "server"; // the simulator's
+    const char *pem = "site-ec.pem";                      // the client's; null for none
+    int32_t ms = 0, cancel = 5000; // the call's deadline, and when it is cancelled
+};
+
+// A fault applied `count` times on `op`.
+std::string once(const char *rest, const char *op = p::op_secret_get, int count = 1)
 {
-    struct {
-        const char *name;
-        Stall stall;
-        int rc;
-    } cases[] = {
-        {"connect", Stall::Connect, -ETIMEDOUT},
-        {"TLS handshake", Stall::Handshake, -ETIMEDOUT},
-        {"answer", Stall::Answer, -ETIMEDOUT},
-        {"cancelled", Stall::AnswerCancelled, -ECANCELED},
+    std::string json = R"({"op":")";
+    json.append(op).append("\",").append(rest).append(",\"count\":");
+    return json.append(std::to_string(count)).append("}");
+}
+
+const char *const kLost = R"("drop":true,"close_after":true)"; // carried out, unanswered
+const std::string kDelay = once(R"("delay_ms":4000)");
+const std::string long_name = std::string(64, 'a') + ".invalid";
+
+// One call in a context of its own. A lost kept-alive connection is replaced,
+// once, only when the request cannot have been carried out twice: it is
+// idempotent, or nothing of it went out.
+TEST(EmberTransport, CallsEndWithTheirCause)
+{
+    const Row rows[] = {
+        {.what = "connect past the deadline", .rc = -ETIMEDOUT, .peer = Peer::full, .ms = 300},
+        {.what = "handshake past the deadline", .rc = -ETIMEDOUT, .peer = Peer::silent, .ms = 300},
+        {.what = "answer past the deadline", .rc = -ETIMEDOUT, .fault = kDelay, .ms = 300},
+        {.what = "cancelled while waiting", .rc = -ECANCELED, .fault = kDelay, .cancel = 200},
+        {.what = "not JSON", .rc = -MOX_EPROTO, .fault = once(R"("body":"<html>")")},
+        {.what = "no secret field", .rc = -MOX_EPROTO, .fault = once(R"("body":"{\"error\":0}")")},
+        {.what = "gateway error", .rc = -MOX_EIO, .fault = once(R"("error":80)")},
+        {.what = "fresh connection lost", .rc = -ECONNRESET, .fault = once(R"("drop":true)")},
+        {.what = "open lost",
+         .rc = -ECONNRESET,
+         .fault = once(kLost, p::op_file_open),
+         .call = open_file},
+        {.what = "set lost", .rc = 0, .fault = once(kLost, p::op_secret_set), .call = set_secret},
+        {.what = "set lost twice",
+         .rc = -ECONNRESET,
+         .fault = once(kLost, p::op_secret_set, 2),
+         .call = set_secret},
+        {.what = "closed while idle",
+         .rc = 0,
+         .fault = once(R"("close_after":true)", p::op_file_state),
+         .call = open_file},
+        {.what = "nothing listens", .rc = -ECONNREFUSED, .peer = Peer::none, .host = "127.0.0.1:1"},
+        {.what = "IPv6 loopback",
+         .rc = -MOX_ENOENT,
+         .host = "[::1]",
+         .listen = "[::1]:0",
+         .cert = "server-names"},
+        {.what = "host name", .rc = -MOX_ENOENT, .host = "localhost", .cert = "server-names"},
+        {.what = "host name not in the certificate", .rc = -MOX_EAUTH, .host = "localhost"},
+        {.what = "address not in the certificate", .rc = -MOX_EAUTH, .cert = "server-names"},
+        // A label over 63 bytes fails in the resolver: no query leaves.
+        {.what = "name that does not resolve", .rc = -EHOSTUNREACH, .host = long_name.c_str()},
+        {.what = "gateway of an unknown CA", .rc = -MOX_EAUTH, .cert = "stranger-server"},
+        {.what = "client of an unknown CA", .rc = -MOX_EAUTH, .pem = "untrusted.pem"},
+        {.what = "no credentials", .rc = -MOX_EAUTH, .pem = nullptr},
     };
-    for (auto &tc : cases) {
-        SCOPED_TRACE(tc.name);
-        bool at_sim = tc.stall == Stall::Answer || tc.stall == Stall::AnswerCancelled;
-        std::optional<SilentListener> silent;
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.what);
         std::optional<Sim> sim;
-        if (at_sim) {
-            sim.emplace();
+        std::optional<SilentListener> silent;
+        std::string addr = r.host;
+        if (r.peer == Peer::sim) {
+            sim.emplace("dc-a", std::vector<std::string>{"--listen", r.listen}, r.cert);
             sim->mkdir("/acc");
-        } else {
-            silent.emplace(tc.stall == Stall::Connect);
+            sim->write("/acc/f");
+            if (!r.fault.empty())
+                sim->fault(r.fault);
+            addr += ":" + std::to_string(sim->port());
+        } else if (r.peer != Peer::none) {
+            silent.emplace(r.peer == Peer::full);
+            addr += ":" + std::to_string(ntohs(silent->a.sin_port));
         }
         run_in_coroutine([&] {
-            ember_client *c = cert_client(at_sim ? sim->addr() : silent->addr(), "site-ec.pem");
-            if (at_sim) {
-                ASSERT_EQ(ember_set_trust_secret(c, "acc", 1, "early"), 0);
-                sim->fault(R"({"op":"/v1/trust-secret/set","delay_ms":4000})");
+            ember_client *c = r.pem ? cert_client(addr, r.pem) : ember_client_alloc();
+            ember_client_set_host(c, addr.c_str());
+            char *s = nullptr;
+            int32_t idle = 200; // long enough for a closing gateway's close to arrive
+            if (r.call != get_secret) {
+                EXPECT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
+                mox_free(std::exchange(s, nullptr));
+                mox_co_wait_timeout(&idle);
             }
             mox_context *ctx = mox_context_alloc();
-            if (tc.stall != Stall::AnswerCancelled) {
-                mox_context_set_timeout(ctx, 300);
-            }
-            bool cancel = tc.stall == Stall::AnswerCancelled;
-            Watchdog w{silent ? silent->fd : -1, ctx, cancel ? 200 : 5000};
+            if (r.ms)
+                mox_context_set_timeout(ctx, r.ms);
+            Watchdog w{ctx, r.cancel};
             mox_co *dog = mox_co_create(nullptr, watch, &w);
             mox_co_set_ctx(ctx);
-            EXPECT_EQ(ember_set_trust_secret(c, "acc", 1, "late"), tc.rc);
+            ember_file *f = nullptr;
+            EXPECT_EQ(r.call == open_file    ? ember_file_open(c, &f, "/acc/f", 0)
+                      : r.call == set_secret ? ember_set_trust_secret(c, "acc", 1, "")
+                                             : ember_get_trust_secret(c, "acc", 1, &s),
+                      r.rc);
+            EXPECT_EQ(s, nullptr);
+            if (r.rc == -ETIMEDOUT) {
+                EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), -ETIMEDOUT) << "deadline gone";
+            }
             mox_co_set_ctx(nullptr);
             mox_co_wakeup(dog);
             mox_co_join(dog);
             mox_context_put(ctx);
-            if (at_sim) {
-                char *s = nullptr;
-                EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), 0);
-                EXPECT_STREQ(s, "early") << "the call waited for the gateway";
-                mox_free(s);
-            }
-            ember_client_put(c);
-        });
-    }
-}
-
-// After a lost connection a request is sent again only when it cannot have
-// been carried out twice: nothing of it went out, or it is idempotent.
-TEST(EmberTransport, RepeatsOnlyWhatIsSafeToRepeat)
-{
-    struct {
-        const char *name;
-        const char *fault;
-        int open_rc, set_rc, open_files;
-    } cases[] = {
-        {"open carried out, unanswered",
-         R"({"op":"/v1/file/open","drop":true,"close_after":true,"count":1})", -ECONNRESET, 0, 1},
-        {"set carried out, unanswered",
-         R"({"op":"/v1/trust-secret/set","drop":true,"close_after":true,"count":1})", 0, 0, 1},
-        {"closed while idle", R"({"op":"/v1/file/state","close_after":true,"count":1})", 0, 0, 1},
-    };
-    for (auto &tc : cases) {
-        SCOPED_TRACE(tc.name);
-        Sim sim;
-        sim.mkdir("/acc");
-        sim.write("/acc/f");
-        run_in_coroutine([&] {
-            ember_client *c = cert_client(sim.addr(), "site-ec.pem");
-            char *s = nullptr;
-            sim.fault(tc.fault);
-            ASSERT_EQ(ember_file_get_state(c, "/acc/f", &s), 0);
-            mox_free(s);
-            int32_t idle = 200; // the connection idles; a closing gateway has closed it
-            mox_co_wait_timeout(&idle);
-            ember_file *f = nullptr;
-            EXPECT_EQ(ember_file_open(c, &f, "/acc/f", 0), tc.open_rc);
-            EXPECT_EQ(ember_set_trust_secret(c, "acc", 1, "x"), tc.set_rc);
-            // How often the open was carried out (a blocking call is fine here).
-            std::string dump = sim.dump();
-            EXPECT_NE(dump.find("\"open_files\":" + std::to_string(tc.open_files)),
-                      std::string::npos)
-                << dump;
-            if (f != nullptr)
+            if (f)
                 ember_file_close(f);
-            ember_client_put(c);
-        });
-    }
-}
-
-TEST(EmberTransport, UnusableAnswersAndAddresses)
-{
-    const std::string label(64, 'a');
-    const std::string long_name = label + ".invalid";
-    const char *kLongLabel = long_name.c_str();
-    struct {
-        const char *name;
-        const char *listen, *cert, *host, *fault;
-        int rc;
-    } cases[] = {
-        {"not JSON", "127.0.0.1:0", "server", "127.0.0.1",
-         R"({"op":"/v1/trust-secret/get","body":"<html>"})", -MOX_EPROTO},
-        {"no secret field", "127.0.0.1:0", "server", "127.0.0.1",
-         R"({"op":"/v1/trust-secret/get","body":"{\"error\":0}"})", -MOX_EPROTO},
-        {"IPv6 loopback", "[::1]:0", "server-names", "[::1]", nullptr, -MOX_ENOENT},
-        {"host name", "127.0.0.1:0", "server-names", "localhost", nullptr, -MOX_ENOENT},
-        {"host name not in the certificate", "127.0.0.1:0", "server", "localhost", nullptr,
-         -MOX_EAUTH},
-        // A label over 63 bytes fails in the resolver itself: no query
-        // leaves the machine.
-        {"name that does not resolve", "127.0.0.1:0", "server", kLongLabel, nullptr, -EHOSTUNREACH},
-        {"address not in the certificate", "127.0.0.1:0", "server-names", "127.0.0.1", nullptr,
-         -MOX_EAUTH},
-    };
-    for (auto &tc : cases) {
-        SCOPED_TRACE(tc.name);
-        Sim sim("dc-a", {"--listen", tc.listen}, tc.cert);
-        sim.mkdir("/acc");
-        if (tc.fault)
-            sim.fault(tc.fault);
-        run_in_coroutine([&] {
-            ember_client *c = cert_client(std::string(tc.host) + ":" + port_of(sim), "site-ec.pem");
-            char *s = nullptr;
-            EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), tc.rc);
-            EXPECT_EQ(s, nullptr);
+            if (!r.fault.empty()) {
+                EXPECT_EQ(ember_get_trust_secret(c, "acc", 1, &s), -MOX_ENOENT) << "handle reused";
+            }
             ember_client_put(c);
         });
     }
