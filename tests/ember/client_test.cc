@@ -12,6 +12,7 @@
 #include <arpa/inet.h>
 #include <boost/json.hpp>
 #include <cerrno>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/socket.h>
@@ -29,13 +30,6 @@ using tarn_test::run_in_coroutine;
 
 namespace
 {
-
-std::string take(char *s)
-{
-    std::string out = s ? s : "(null)";
-    mox_free(s);
-    return out;
-}
 
 TEST(EmberAddress, AcceptsNamesAddressesAndPorts)
 {
@@ -92,8 +86,6 @@ TEST(EmberClient, CredentialsAndReferences)
               -MOX_EMALFORMED); // a certificate without its key
     EXPECT_EQ(ember_client_set_jwt(site, "not-a-token"), -MOX_EINVAL);
     EXPECT_EQ(ember_client_set_allowed_protos(site, 4), -MOX_EINVAL);
-    EXPECT_EQ(ember_client_get(web), web);
-    ember_client_put(web);
     ember_client_put(web);
     ember_client_put(site);
     ember_client *jwt = jwt_client("127.0.0.1", "site-rsa.pem", 11);
@@ -118,10 +110,12 @@ TEST(EmberJwt, AlgorithmFollowsTheKey)
                       : *key              ? EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", key)
                                           : nullptr;
         ember_jwt_request req = {"a", "b", "c", "d", "e", nullptr, 0, k};
-        std::string jwt = take(ember_jwt_generate(&req)), header;
+        char *jwt = ember_jwt_generate(&req);
+        std::string header;
         EVP_PKEY_free(k);
-        p::base64url_decode(jwt.substr(0, jwt.find('.')), header);
-        EXPECT_EQ(header, alg ? std::string(R"({"alg":")") + alg + R"(","typ":"JWT"})" : "") << jwt;
+        p::base64url_decode(jwt ? std::string_view(jwt, strcspn(jwt, ".")) : "", header);
+        EXPECT_EQ(header, alg ? std::string(R"({"alg":")") + alg + R"(","typ":"JWT"})" : "");
+        mox_free(jwt);
     }
 }
 
@@ -137,20 +131,6 @@ std::string entry(const std::string &name, int mode = 0x81a4)
 std::string page(const std::string &entries, const char *rest = R"("listing":"7","more":false)")
 {
     return "{\"error\":0,\"entries\":[" + entries + "]," + rest + "}";
-}
-
-// Opens `path` as a tree walk does: from "/" one child at a time.
-int open_path(ember_client *c, const std::string &path, ar_io_dir **out)
-{
-    int rc = ar_io_open_ember_dir_cl(c, "/", out, 0);
-    for (size_t i = 1; rc == 0 && i < path.size();) {
-        size_t j = std::min(path.find('/', i), path.size());
-        ar_io_dir *parent = *out;
-        rc = parent->ops->open_child(parent, path.substr(i, j - i).c_str(), out, 0);
-        ar_io_dir_put(parent);
-        i = j + 1;
-    }
-    return rc;
 }
 
 // Reads every entry; the names in order, or the failing code.
@@ -219,8 +199,10 @@ TEST(EmberDir, WalksAndReadsPages)
         std::vector<std::string> names;
         run_in_coroutine([&] {
             ember_client *c = cert_client(sim.addr(), "site-ec.pem");
-            ar_io_dir *d = nullptr;
-            int rc = open_path(c, row.path, &d);
+            ar_io_dir *root = nullptr, *d = nullptr; // opened as a tree walk starts
+            ASSERT_EQ(ar_io_open_ember_dir_cl(c, "/", &root, 0), 0);
+            int rc = root->ops->open_child(root, row.path + 1, &d, 0);
+            ar_io_dir_put(root);
             if (rc == 0) {
                 rc = read_all(d, names);
                 ar_io_dir_put(d);
