@@ -49,7 +49,8 @@ TEST(EmberAddress, AcceptsNamesAddressesAndPorts)
     ember_client_put(c);
 }
 
-// Names go as text exactly when the gateway's JSON parser takes them.
+// Names go as text exactly when the gateway's JSON parser takes them, and
+// come back the same in either form.
 TEST(EmberNames, Utf8CheckAgreesWithTheParser)
 {
     const char *names[] = {
@@ -60,6 +61,10 @@ TEST(EmberNames, Utf8CheckAgreesWithTheParser)
         boost::system::error_code ec;
         json::parse("\"" + name + "\"", ec);
         EXPECT_EQ(p::utf8_valid(name), !ec) << testing::PrintToString(name);
+        json::object o;
+        p::put_name(o, "name", name);
+        std::string back;
+        EXPECT_TRUE(p::get_name(o, "name", back) == 1 && back == name) << json::serialize(o);
     }
 }
 
