@@ -5,6 +5,7 @@
 #include "sandbox.h"
 
 #include <algorithm>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <map>
 #include <sstream>
@@ -40,7 +41,9 @@ const std::string kAlphabet = "' config parameter: -30 (invalid argument); it sh
 // One run of the command; lists are separated by "|". Before it: "changes"
 // to the configuration ("KEY=VALUE", "KEY=<unset>"), and "setup" steps:
 // "mount SOURCE TYPE [SUFFIX]" (a mount table line at the mount point, with
-// SUFFIX appended), "file REL" (in the sandbox), "fail PROGRAM CODE". After
+// SUFFIX appended), "file REL" (in the sandbox), "fail PROGRAM CODE", "slow
+// PROGRAM SIGNAL..." (the program sleeps 0.7 s, and the signals, INT, USR1
+// or QUIT, are sent to the tool once it has been called). After
 // it: the status, then `err`: the whole error-level log line (122), the
 // whole standard error before the usage (255), or "<none>" for an empty
 // one; and `expect`: every stand-in's calls ("PROGRAM ARGS"), "out TEXT" (a
@@ -141,6 +144,13 @@ const Scenario kScenarios[] = {
      "> invalid 'storage.nfs.host" + kAlphabet, ""},
     {"export_blank", "--df", "storage.nfs.export=/e x", kMounted, 122,
      "> invalid 'storage.nfs.export" + kAlphabet, ""},
+    // SIGINT stops the command after the running program; SIGUSR1 and
+    // SIGQUIT change nothing.
+    {"signal_during_mount", "--mount", "", "slow mount INT", 130,
+     "> stopped by signal SIGINT after \"/bin/mount -t nfs4 -o @O,local_lock=none,proto=tcp "
+     "'srv:/exp' '@M'\"",
+     kMountCall},
+    {"signals_ignored", "--mount", "", "slow mount USR1 QUIT", 0, "", kMountedNfs4},
     // Option errors: nothing runs.
     {"no_option", "", "", "", 255, "Option is expected.\n", ""},
     {"unknown_option", "-x --mount", "", "", 255, "Unknown option '-x'.\n", ""},
@@ -207,22 +217,33 @@ TEST(Nfs, StatusMessageAndCalls)
     for (const Scenario &s : kScenarios) {
         SCOPED_TRACE(s.name);
         Volume v;
+        auto options = v.sim.options();
+        options.cwd = v.sb.dir();
+        options.timeout_ms = 10000;
         for (const std::string &step : split(s.setup, '|')) {
             auto w = split(step, ' ');
-            if (w[0] == "mount")
+            if (w[0] == "mount") {
                 v.sim.add_mount(w[1], v.mnt + (w.size() > 3 ? w[3] : ""), w[2]);
-            else if (w[0] == "file")
+            } else if (w[0] == "file") {
                 v.sb.write_file(w[1], "x");
-            else
+            } else if (w[0] == "fail") {
                 v.sim.fail(w[1], std::stoi(w[2]));
+            } else {
+                v.sim.delay(w[1], "0.7");
+                options.signal_file = v.sim.state_dir() + "/" + w[1] + ".log";
+                for (size_t i = 2; i < w.size(); i++)
+                    options.signals.push_back(w[i] == "INT"    ? SIGINT
+                                              : w[i] == "USR1" ? SIGUSR1
+                                                               : SIGQUIT);
+            }
         }
         std::vector<std::string> argv = {"-c", v.config(s.changes), "nfs"};
         for (const std::string &a : split(s.args, ' '))
             argv.push_back(a);
-        auto options = v.sim.options();
-        options.cwd = v.sb.dir();
         auto r = tarn_test::run_tool(argv, options);
+        ASSERT_FALSE(r.timed_out) << "nfs did not end within 10 s:\n" << r.err;
         EXPECT_EQ(r.status, s.status) << r.err;
+        EXPECT_EQ(r.err.find("signal") != std::string::npos, s.status == 130) << r.err;
         if (s.status == 255) {
             EXPECT_EQ(r.err, s.err + kUsage);
         } else if (s.status != 0) {

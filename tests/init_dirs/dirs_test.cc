@@ -116,6 +116,7 @@ const EncodingCase kEncodings[] = {
     {"encoding=2147483647+0", 0, 2147483647, 0, -1},
     // A negative X is final: the short form is not tried.
     {"encoding=3+2/-1", -30, 0, 0, 0},
+    {"encoding=-1+2", -30, 0, 0, 0},
     {"encoding=3", -30, 0, 0, 0},
     {"encoding=3-2", -30, 0, 0, 0},
     {"encoding=", -30, 0, 0, 0},
