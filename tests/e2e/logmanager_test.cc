@@ -2,6 +2,7 @@
 // /etc/logmanager.d in a mount namespace: the real /etc is never touched.
 #include "sandbox.h"
 
+#include <csignal>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -32,6 +33,7 @@ RunOptions in_namespace(const Sandbox &sb, bool with_logmanager_dir = true)
 // One or more runs and the files they leave. `quillon`: the default
 // configuration (null: none); `other`: a configuration given with "-c"
 // (null: none); "@A" in the expected texts stands for the appended lines.
+// Status 143: SIGTERM is sent while sed (a slow stand-in) runs.
 struct EditCase {
     const char *name;
     const char *quillon;
@@ -65,6 +67,9 @@ const EditCase kEdits[] = {
     {"missing_logmanager_directory", "root_dir = /srv\nlog.level = 1\n", nullptr, 1, false, 1,
      " E Can't open '/etc/logmanager.d/tarn.conf': No such file or directory\n",
      "root_dir = /srv\n#log.level = 1\n@A", nullptr, false},
+    // SIGTERM while sed runs: the command ends its steps, then stops.
+    {"sigterm_while_sed_runs", "log.level = 4\n", nullptr, 1, true, 143,
+     "received SIGTERM; stopping after the running step", "#log.level = 4\n@A", nullptr, true},
 };
 
 std::string with_appended(std::string s)
@@ -85,9 +90,17 @@ TEST(EnableLogmanager, EditsTheConfigurationAndWritesItsOwnFile)
         std::vector<std::string> args = {"enable-logmanager", "extra", "words"};
         if (c.other)
             args.insert(args.begin(), {"--config", sb.write_file("other.conf", c.other)});
+        if (c.status == 143) {
+            std::string sed = access("/usr/bin/sed", X_OK) == 0 ? "/usr/bin/sed" : "/bin/sed";
+            sb.write_file("bin/sed", "#!/bin/sh\n: >started\nsleep 0.7\nexec " + sed + " \"$@\"\n",
+                          0755);
+            o.path = {sb.path("bin")}, o.cwd = sb.dir(), o.signal_file = sb.path("started");
+            o.signals = {SIGTERM}, o.timeout_ms = 10000;
+        }
         tarn_test::RunResult r;
         for (int i = 0; i < c.runs; i++)
             r = run_tool(args, o);
+        ASSERT_FALSE(r.timed_out) << "enable-logmanager did not end within 10 s";
         EXPECT_EQ(r.status, c.status) << r.err;
         EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
         if (c.want_quillon) {

@@ -6,6 +6,7 @@
 #include "sandbox.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <map>
@@ -43,6 +44,8 @@ struct Tree {
     tarn_test::Sandbox sb;
     std::string root = sb.path("r"), config, type = "local";
     bool with_root = true;
+    std::string slow;         // the stand-in sleeps 0.7 s in the call that holds this
+    std::vector<int> signals; // sent once that call has begun
 
     // Null when the stand-in can keep its attributes here; otherwise why not.
     std::optional<std::string> unusable() const
@@ -68,6 +71,12 @@ struct Tree {
         o.path = {QUILLON_SIM_DIR};
         o.env = {"QUILLON_SIM_LOG=" + sb.path("quillon.log"), "QUILLON_SIM_FAIL=" + fail_glob};
         o.cwd = sb.dir(); // where a command slipped into a value would leave its traces
+        o.timeout_ms = 10000;
+        if (!slow.empty()) {
+            o.env.push_back("QUILLON_SIM_DELAY_ON=*" + slow + "*");
+            o.env.push_back("QUILLON_SIM_DELAY_MS=700");
+            o.signals = signals, o.signal_file = sb.path("quillon.log"), o.signal_text = slow;
+        }
         std::vector<std::string> argv = {"-c", config};
         for (const std::string &a : split(args, ' '))
             argv.push_back(a);
@@ -191,10 +200,13 @@ AttrMap attr_map(const std::string &pairs)
 
 // A command after `setup` steps ("type TYPE" and "root REL" of the
 // configuration, by default local and "r"; "mkdir REL" at 0755, "rmdir REL",
-// "file REL" in the sandbox; "quillon ARGS" to the stand-in; command lines
+// "file REL" in the sandbox; "quillon ARGS" to the stand-in; "slow SIGNALS
+// TEXT": the call holding TEXT is slow and the signals, INT, TERM, USR1 or
+// QUIT separated by ",", come while it runs; command lines
 // that must succeed), with the stand-in failing calls that match `fail`.
 // `expect` ("@" stands for the root, "@G" for the root attributes' query):
-// "err TEXT" (a part of standard error), "log KIND ENC REPLICAS ATTRS" (the
+// "err TEXT" (a part of standard error; "then TEXT": one after the last
+// found), "log KIND ENC REPLICAS ATTRS" (the
 // whole invocation log, see tree_log), "last LINE" or "only LINE" of the log,
 // "nolog", "tree ENCODED REPLICATED" (every directory at 0700 with exactly
 // these attributes), "mode REL OCTAL", "+REL"/"-REL" (exists or not in the
@@ -337,6 +349,24 @@ const TreeCase kTrees[] = {
      "|err failed to upgrade directories under '@'|+r/conf.d|conf.d/ replicas=2:1"},
     {"set_creates_nothing", "init-dirs encoding=5+2/3|rmdir r/conf.d", "set-attr tier=1", "", 1,
      "err failed to set 'tier=1' on '@/conf.d/': -30 (|-r/conf.d|certs/ tier=1"},
+    // SIGINT or SIGTERM while a call is slow: the call runs to its end and
+    // the command stops after it with 128 + the signal; a second signal ends
+    // the run at once; SIGUSR1 and SIGQUIT change nothing.
+    {"sigint_during_init", "slow INT /var/clients/ replicas=", "init-dirs encoding=2+1", "", 130,
+     "err received SIGINT; stopping after the running step"
+     "|then /var/clients/'; the tree's empty directories are removed"
+     "|then terminated by signal SIGINT|-r"},
+    {"sigterm_then_sigint", "slow TERM,INT /var/clients/ replicas=", "init-dirs encoding=2+1", "",
+     130,
+     "err received SIGTERM; stopping after the running step|then terminated by signal SIGINT"
+     "|+r/var/clients"},
+    {"sigusr1_sigquit_ignored", "slow USR1,QUIT /var/clients/ replicas=", "init-dirs encoding=2+1",
+     "", 0, "+r/conf.d"},
+    {"sigterm_during_set", "init-dirs encoding=2+1|slow TERM /var/ tier=3", "set-attr tier=3", "",
+     143,
+     "err received SIGTERM; stopping after the running step"
+     "|then /var/clients/'; the directories before it keep their new attributes"
+     "|var/ tier=3|certs/ tier"},
     // Shell syntax in the root or in an attribute reaches the stand-in as
     // text: nothing runs, and the value is stored as given.
     {"hostile_root", "root r;touch pwned;", "init-dirs encoding=2+1 tier=1", "", 0,
@@ -375,6 +405,14 @@ void prepare(Tree &t, const std::string &step)
         t.root = word == "root" ? t.sb.path(rest) : t.root;
         t.with_root = word != "noroot";
         t.configure();
+    } else if (word == "slow") {
+        std::string names = rest.substr(0, rest.find(' '));
+        t.slow = rest.substr(names.size() + 1);
+        for (const std::string &n : split(names, ','))
+            t.signals.push_back(n == "INT"    ? SIGINT
+                                : n == "TERM" ? SIGTERM
+                                : n == "USR1" ? SIGUSR1
+                                              : SIGQUIT);
     } else if (word == "mkdir") {
         t.sb.mkdir(rest, 0755);
     } else if (word == "rmdir") {
@@ -393,12 +431,13 @@ void prepare(Tree &t, const std::string &step)
 }
 
 void check(const Tree &t, const std::string &check, const std::vector<std::string> &log,
-           const std::string &err)
+           const std::string &err, size_t &at)
 {
     auto w = split(check, ' ');
     std::string rest = at_root(check.substr(std::min(check.size(), w[0].size() + 1)), t.root);
-    if (w[0] == "err") {
-        EXPECT_NE(err.find(rest), std::string::npos) << err;
+    if (w[0] == "err" || w[0] == "then") {
+        at = err.find(rest, w[0] == "then" ? at : 0);
+        EXPECT_NE(at, std::string::npos) << err;
     } else if (w[0] == "root") {
         std::vector<std::string> on_root;
         for (const std::string &line : log) {
@@ -451,14 +490,18 @@ TEST(Dirs, CommandsOnTheTree)
         t.take_log();
         auto r = t.run_ctl(c.args, c.fail);
         EXPECT_EQ(r.status, c.status) << r.err;
+        ASSERT_FALSE(r.timed_out) << "the command did not end within 10 s";
+        EXPECT_EQ(r.err.find("signal") != std::string::npos, c.status == 130 || c.status == 143)
+            << r.err;
         auto log = t.take_log();
         if (c.status == 255) {
             EXPECT_EQ(r.err, c.expect);
             continue;
         }
+        size_t at = 0;
         for (const std::string &what : split(c.expect, '|')) {
             SCOPED_TRACE(what);
-            check(t, what, log, r.err);
+            check(t, what, log, r.err, at);
         }
         EXPECT_FALSE(t.sb.exists("pwned")) << "a value ran as a shell command";
     }
