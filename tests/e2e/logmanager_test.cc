@@ -2,6 +2,7 @@
 // /etc/logmanager.d in a mount namespace: the real /etc is never touched.
 #include "sandbox.h"
 
+#include <csignal>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,32 +19,21 @@ const char kAppended[] = "log.path = /var/log/quillon/tarn\n"
                          "log.max_file_size = 200M\n";
 const char kServiceConf[] = "path: \"/var/log/quillon/tarn\"\n";
 
-class EnableLogmanager : public ::testing::Test
+// Private copies of /etc/quillon and, unless left out, /etc/logmanager.d.
+RunOptions in_namespace(const Sandbox &sb, bool with_logmanager_dir = true)
 {
-  protected:
-    void SetUp() override
-    {
-        TARN_REQUIRE_NAMESPACES();
-        sb_.mkdir("etc-quillon", 0755);
-        sb_.mkdir("etc-logmanager", 0755);
-    }
-
-    RunOptions opts(bool with_logmanager_dir = true) const
-    {
-        RunOptions o;
-        o.in_namespace = true;
-        o.mounts.emplace_back(sb_.path("etc-quillon"), "/etc/quillon");
-        if (with_logmanager_dir)
-            o.mounts.emplace_back(sb_.path("etc-logmanager"), "/etc/logmanager.d");
-        return o;
-    }
-
-    Sandbox sb_;
-};
+    RunOptions o;
+    o.in_namespace = true;
+    o.mounts.emplace_back(sb.mkdir("etc-quillon", 0755), "/etc/quillon");
+    if (with_logmanager_dir)
+        o.mounts.emplace_back(sb.mkdir("etc-logmanager", 0755), "/etc/logmanager.d");
+    return o;
+}
 
 // One or more runs and the files they leave. `quillon`: the default
 // configuration (null: none); `other`: a configuration given with "-c"
 // (null: none); "@A" in the expected texts stands for the appended lines.
+// Status 143: SIGTERM is sent while sed (a slow stand-in) runs.
 struct EditCase {
     const char *name;
     const char *quillon;
@@ -77,6 +67,9 @@ const EditCase kEdits[] = {
     {"missing_logmanager_directory", "root_dir = /srv\nlog.level = 1\n", nullptr, 1, false, 1,
      " E Can't open '/etc/logmanager.d/tarn.conf': No such file or directory\n",
      "root_dir = /srv\n#log.level = 1\n@A", nullptr, false},
+    // SIGTERM while sed runs: the command ends its steps, then stops.
+    {"sigterm_while_sed_runs", "log.level = 4\n", nullptr, 1, true, 143,
+     "received SIGTERM; stopping after the running step", "#log.level = 4\n@A", nullptr, true},
 };
 
 std::string with_appended(std::string s)
@@ -85,29 +78,38 @@ std::string with_appended(std::string s)
     return at == std::string::npos ? s : s.replace(at, 2, kAppended);
 }
 
-TEST_F(EnableLogmanager, EditsTheConfigurationAndWritesItsOwnFile)
+TEST(EnableLogmanager, EditsTheConfigurationAndWritesItsOwnFile)
 {
+    TARN_REQUIRE_NAMESPACES();
     for (const EditCase &c : kEdits) {
         SCOPED_TRACE(c.name);
-        for (const char *f : {"etc-quillon/tarn.config", "other.conf", "etc-logmanager/tarn.conf"})
-            unlink(sb_.path(f).c_str());
+        Sandbox sb;
+        RunOptions o = in_namespace(sb, c.logmanager_dir);
         if (c.quillon)
-            sb_.write_file("etc-quillon/tarn.config", c.quillon);
+            sb.write_file("etc-quillon/tarn.config", c.quillon);
         std::vector<std::string> args = {"enable-logmanager", "extra", "words"};
         if (c.other)
-            args.insert(args.begin(), {"--config", sb_.write_file("other.conf", c.other)});
+            args.insert(args.begin(), {"--config", sb.write_file("other.conf", c.other)});
+        if (c.status == 143) {
+            std::string sed = access("/usr/bin/sed", X_OK) == 0 ? "/usr/bin/sed" : "/bin/sed";
+            sb.write_file("bin/sed", "#!/bin/sh\n: >started\nsleep 0.7\nexec " + sed + " \"$@\"\n",
+                          0755);
+            o.path = {sb.path("bin")}, o.cwd = sb.dir(), o.signal_file = sb.path("started");
+            o.signals = {SIGTERM}, o.timeout_ms = 10000;
+        }
         tarn_test::RunResult r;
         for (int i = 0; i < c.runs; i++)
-            r = run_tool(args, opts(c.logmanager_dir));
+            r = run_tool(args, o);
+        ASSERT_FALSE(r.timed_out) << "enable-logmanager did not end within 10 s";
         EXPECT_EQ(r.status, c.status) << r.err;
         EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
         if (c.want_quillon) {
-            EXPECT_EQ(sb_.read_file("etc-quillon/tarn.config"), with_appended(c.want_quillon));
+            EXPECT_EQ(sb.read_file("etc-quillon/tarn.config"), with_appended(c.want_quillon));
         }
         if (c.want_other) {
-            EXPECT_EQ(sb_.read_file("other.conf"), with_appended(c.want_other));
+            EXPECT_EQ(sb.read_file("other.conf"), with_appended(c.want_other));
         }
-        EXPECT_EQ(sb_.read_file("etc-logmanager/tarn.conf"), c.service_conf ? kServiceConf : "");
+        EXPECT_EQ(sb.read_file("etc-logmanager/tarn.conf"), c.service_conf ? kServiceConf : "");
     }
 }
 
@@ -115,10 +117,13 @@ TEST_F(EnableLogmanager, EditsTheConfigurationAndWritesItsOwnFile)
 // fills a small tmpfs (the configuration's directory, or the log manager's)
 // in the namespace; the configuration fills its first page exactly, so an
 // append needs a page that is not there.
-TEST_F(EnableLogmanager, FullDiskIsReportedNotIgnored)
+TEST(EnableLogmanager, FullDiskIsReportedNotIgnored)
 {
-    sb_.write_file("etc-quillon/tarn.config", "root_dir = /srv\n");
-    std::string full = sb_.mkdir("full");
+    TARN_REQUIRE_NAMESPACES();
+    Sandbox sb;
+    RunOptions o = in_namespace(sb);
+    sb.write_file("etc-quillon/tarn.config", "root_dir = /srv\n");
+    std::string full = sb.mkdir("full");
     const std::string fill = "dd if=/dev/zero of=\"$D/fill\" bs=4096 2>/dev/null || :; ";
     struct {
         std::string dir, config, failing;
@@ -132,7 +137,7 @@ TEST_F(EnableLogmanager, FullDiskIsReportedNotIgnored)
             "if [ \"$D\" != /etc/logmanager.d ]; then head -c 4095 /dev/zero | "
             "tr '\\0' '#' >\"$D/tarn.config\"; echo >>\"$D/tarn.config\"; fi; " +
             fill + "exec '" + tarn_test::tool_path() + "' -c '" + c.config + "' enable-logmanager";
-        auto r = tarn_test::run({"sh", "-c", script}, opts());
+        auto r = tarn_test::run({"sh", "-c", script}, o);
         EXPECT_EQ(r.status, 1) << c.failing << ": " << r.err;
         EXPECT_NE(r.err.find(" E Can't write to '" + c.failing + "': No space left on device\n"),
                   std::string::npos)
