@@ -28,11 +28,10 @@ struct Recorder {
 struct Item {
     keepalive_entry entry; // standard layout keeps mox_container_of well defined
     char name;
-    int activations = 0;
+    Recorder *rec;
     int releases = 0;
     uint64_t released_at_ms = 0; // the clock when released
     uint64_t last_mark_ms = 0;   // last_access_ms seen at release
-    Recorder *rec;
 
     Item(char n, Recorder *r, keepalive_list *list) : name(n), rec(r)
     {
@@ -40,25 +39,18 @@ struct Item {
     }
     // An assertion that fails half-way must not leave a dead entry linked.
     ~Item() { keepalive_del(&entry); }
-    Item(const Item &) = delete;
-    Item &operator=(const Item &) = delete;
+    void mark() { keepalive_mark_accessed(&entry); }
 };
-
-Item *item_of(keepalive_entry *e)
-{
-    return mox_container_of(e, Item, entry);
-}
 
 void on_activate(keepalive_entry *e)
 {
-    Item *it = item_of(e);
-    ++it->activations;
+    Item *it = mox_container_of(e, Item, entry);
     it->rec->events += std::string("+") + it->name;
 }
 
 void on_release(keepalive_entry *e)
 {
-    Item *it = item_of(e);
+    Item *it = mox_container_of(e, Item, entry);
     EXPECT_EQ(e->link.next, &e->link) << it->name << " released while still linked";
     ++it->releases;
     it->released_at_ms = get_abs_time_us() / 1000;
@@ -91,10 +83,12 @@ void with_registry(int32_t timeout_ms, const std::function<void(keepalive_list *
         body(&list);
         keepalive_list_fini(&list);
         EXPECT_EQ(list.co, nullptr);
+        EXPECT_NE(list.flags & KEEPALIVE_STOPPING, 0);
+        EXPECT_TRUE(mox_list_empty(&list.entries));
     });
 }
 
-TEST(Keepalive, MarkedEntryIsReleasedAfterTheTimeout)
+TEST(Keepalive, ReleaseAfterTheTimeoutAgainAfterTheNextMarkAndOnDel)
 {
     Recorder rec;
     run_in_coroutine([&] {
@@ -104,18 +98,23 @@ TEST(Keepalive, MarkedEntryIsReleasedAfterTheTimeout)
         mox_context_put(ctx);
         EXPECT_EQ(list.co, co);
         EXPECT_STREQ(mox_co_get_name(co), "gw/keepalive_reg");
-
-        Item a('A', &rec, &list);
-        keepalive_mark_accessed(&a.entry);
-        uint64_t marked = a.entry.last_access_ms;
-        EXPECT_EQ(a.activations, 1);
-        ASSERT_TRUE(wait_until([&] { return a.releases > 0; }));
-        EXPECT_GE(a.released_at_ms, marked + 50);
-        mox_co_sleep(120); // no second release of an entry that is not held
+        Item a('A', &rec, &list), b('B', &rec, &list);
+        for (int round = 1; round <= 2; ++round) {
+            a.mark();
+            uint64_t marked = a.entry.last_access_ms;
+            ASSERT_TRUE(wait_until([&] { return a.releases == round; }));
+            EXPECT_GE(a.released_at_ms, marked + 50);
+        }
+        mox_co_sleep(120);       // no second release of an entry that is not held
+        keepalive_del(&b.entry); // never held: nothing happens
+        b.mark();
+        keepalive_del(&b.entry);
+        keepalive_del(&b.entry);
         keepalive_list_fini(&list);
         EXPECT_EQ(list.co, nullptr);
+        mox_co_join(co); // already ended
     });
-    EXPECT_EQ(rec.events, "+A-A");
+    EXPECT_EQ(rec.events, "+A-A+A-A+B-B");
 }
 
 TEST(Keepalive, MarkBeforeTheTimeoutMovesTheDeadline)
@@ -123,44 +122,13 @@ TEST(Keepalive, MarkBeforeTheTimeoutMovesTheDeadline)
     Recorder rec;
     with_registry(600, [&](keepalive_list *list) {
         Item a('A', &rec, list);
-        keepalive_mark_accessed(&a.entry);
+        a.mark();
         mox_co_sleep(60);
-        keepalive_mark_accessed(&a.entry);
+        a.mark();
         uint64_t second = a.entry.last_access_ms;
         ASSERT_TRUE(wait_until([&] { return a.releases > 0; }));
-        EXPECT_EQ(a.activations, 1) << "released before the second mark";
         EXPECT_EQ(a.last_mark_ms, second);
         EXPECT_GE(a.released_at_ms, second + 600);
-    });
-    EXPECT_EQ(rec.events, "+A-A");
-}
-
-TEST(Keepalive, ReleasedEntryIsActivatedAgainByTheNextMark)
-{
-    Recorder rec;
-    with_registry(30, [&](keepalive_list *list) {
-        Item a('A', &rec, list);
-        keepalive_mark_accessed(&a.entry);
-        ASSERT_TRUE(wait_until([&] { return a.releases == 1; }));
-        keepalive_mark_accessed(&a.entry);
-        EXPECT_EQ(a.activations, 2);
-        ASSERT_TRUE(wait_until([&] { return a.releases == 2; }));
-    });
-    EXPECT_EQ(rec.events, "+A-A+A-A");
-}
-
-TEST(Keepalive, DelReleasesOnlyHeldEntries)
-{
-    Recorder rec;
-    with_registry(30, [&](keepalive_list *list) {
-        Item a('A', &rec, list);
-        keepalive_del(&a.entry); // never held: nothing happens
-        EXPECT_EQ(rec.events, "");
-        keepalive_mark_accessed(&a.entry);
-        keepalive_del(&a.entry);
-        keepalive_del(&a.entry);
-        EXPECT_EQ(rec.events, "+A-A");
-        mox_co_sleep(100); // the timeout passes without a second release
     });
     EXPECT_EQ(rec.events, "+A-A");
 }
@@ -169,16 +137,11 @@ TEST(Keepalive, DueEntriesAreReleasedOldestFirstInOnePass)
 {
     Recorder rec;
     with_registry(50, [&](keepalive_list *list) {
-        Item a('A', &rec, list);
-        Item b('B', &rec, list);
-        Item c('C', &rec, list);
-        keepalive_mark_accessed(&c.entry);
-        mox_co_sleep(10);
-        keepalive_mark_accessed(&a.entry);
-        mox_co_sleep(10);
-        keepalive_mark_accessed(&b.entry);
-        mox_co_sleep(10);
-        keepalive_mark_accessed(&c.entry); // moves C behind B
+        Item a('A', &rec, list), b('B', &rec, list), c('C', &rec, list);
+        for (Item *it : {&c, &a, &b, &c}) { // the last mark moves C behind B
+            it->mark();
+            mox_co_sleep(10);
+        }
         // Hold the loop until all three are due, so that the registry finds
         // them together on its next look.
         usleep(200 * 1000);
@@ -188,38 +151,34 @@ TEST(Keepalive, DueEntriesAreReleasedOldestFirstInOnePass)
     EXPECT_EQ(rec.events, "+C+A+B-A-B-C");
 }
 
-TEST(Keepalive, FiniReleasesEverythingOldestFirstAndJoins)
+TEST(Keepalive, FiniReleasesEverythingOldestFirstBeforeItReturns)
 {
     Recorder rec;
     bool fini_returned = false;
     rec.on_release_hook = [&](Item *) { EXPECT_FALSE(fini_returned); };
     run_in_coroutine([&] {
         keepalive_list list{};
-        mox_co *co = start(&list, 60000);
-        Item a('A', &rec, &list);
-        Item b('B', &rec, &list);
-        Item c('C', &rec, &list);
-        keepalive_mark_accessed(&a.entry);
-        keepalive_mark_accessed(&b.entry);
-        keepalive_mark_accessed(&c.entry);
-        keepalive_mark_accessed(&a.entry);
+        start(&list, 60000);
+        Item a('A', &rec, &list), b('B', &rec, &list), c('C', &rec, &list);
+        for (Item *it : {&a, &b, &c, &a})
+            it->mark();
         mox_co_sleep(10); // the registry is asleep in its wait queue now
         keepalive_list_fini(&list);
         fini_returned = true;
-        EXPECT_EQ(list.co, nullptr);
-        EXPECT_NE(list.flags & KEEPALIVE_STOPPING, 0);
-        EXPECT_TRUE(mox_list_empty(&list.entries));
-        mox_co_join(co);         // already ended
         keepalive_del(&b.entry); // released entries stay released
     });
     EXPECT_EQ(rec.events, "+A+B+C-B-C-A");
 }
 
-TEST(Keepalive, FiniWhileAReleaseCallbackSuspends)
+TEST(Keepalive, ReleaseCallbacksMaySuspendOrDeleteOtherEntries)
 {
+    // A's release suspends while fini comes; C's deletes D.
     Recorder rec;
     bool in_hook = false;
+    Item *victim = nullptr;
     rec.on_release_hook = [&](Item *it) {
+        if (it->name == 'C')
+            keepalive_del(&victim->entry);
         if (it->name != 'A')
             return;
         in_hook = true;
@@ -229,77 +188,61 @@ TEST(Keepalive, FiniWhileAReleaseCallbackSuspends)
     run_in_coroutine([&] {
         keepalive_list list{};
         start(&list, 30);
-        Item a('A', &rec, &list);
-        Item b('B', &rec, &list);
-        keepalive_mark_accessed(&a.entry);
+        Item a('A', &rec, &list), b('B', &rec, &list), c('C', &rec, &list), d('D', &rec, &list);
+        victim = &d;
+        c.mark();
+        d.mark();
+        ASSERT_TRUE(wait_until([&] { return c.releases == 1; }));
+        EXPECT_EQ(d.releases, 1);
+        a.mark();
         ASSERT_TRUE(wait_until([&] { return in_hook; }));
-        keepalive_mark_accessed(&b.entry); // still allowed: not stopping yet
+        b.mark(); // still allowed: not stopping yet
         keepalive_list_fini(&list);
-        EXPECT_FALSE(in_hook);
         EXPECT_EQ(list.co, nullptr);
     });
-    EXPECT_EQ(rec.events, "+A-A+B-B");
-}
-
-TEST(Keepalive, ReleaseCallbackMayDeleteOtherEntries)
-{
-    Recorder rec;
-    Item *victim = nullptr;
-    rec.on_release_hook = [&](Item *it) {
-        if (it->name == 'A')
-            keepalive_del(&victim->entry);
-    };
-    with_registry(30, [&](keepalive_list *list) {
-        Item a('A', &rec, list);
-        Item b('B', &rec, list);
-        victim = &b;
-        keepalive_mark_accessed(&a.entry);
-        keepalive_mark_accessed(&b.entry);
-        ASSERT_TRUE(wait_until([&] { return a.releases == 1; }));
-        Item c('C', &rec, list);
-        keepalive_mark_accessed(&c.entry); // the registry goes on as before
-        ASSERT_TRUE(wait_until([&] { return c.releases == 1; }));
-        EXPECT_EQ(b.releases, 1);
-    });
-    EXPECT_EQ(rec.events, "+A+B-A-B+C-C");
+    EXPECT_FALSE(in_hook);
+    EXPECT_EQ(rec.events, "+C+D-C-D+A-A+B-B");
 }
 
 TEST(KeepaliveDeathTest, MisuseIsReportedAsABug)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Recorder rec;
-    EXPECT_DEATH(run_in_coroutine([] {
-                     keepalive_list list{};
-                     start(&list, 0);
-                 }),
-                 "registry 'reg' needs a positive timeout, got 0 ms(.|\n)*in keepalive_list_init");
-    EXPECT_DEATH(run_in_coroutine([] {
-                     keepalive_list list{};
-                     start(&list, -5);
-                 }),
-                 "got -5 ms(.|\n)*in keepalive_list_init");
-    EXPECT_DEATH(run_in_coroutine([] {
-                     mox_context *ctx = mox_context_alloc();
-                     mox_context_set_timeout(ctx, 60000);
-                     keepalive_list list{};
-                     start(&list, 100, ctx);
-                 }),
-                 "cannot run in a context with a deadline(.|\n)*in keepalive_list_init");
-    EXPECT_DEATH(run_in_coroutine([&] {
-                     keepalive_list list{};
-                     start(&list, 100);
-                     Item a('A', &rec, &list);
-                     keepalive_list_fini(&list);
-                     keepalive_mark_accessed(&a.entry);
-                 }),
-                 "in keepalive_mark_accessed");
-    EXPECT_DEATH(run_in_coroutine([] {
-                     keepalive_list list{};
-                     start(&list, 100);
-                     keepalive_list_fini(&list);
-                     keepalive_list_fini(&list);
-                 }),
-                 "in keepalive_list_fini");
+    auto with_deadline = [] {
+        mox_context *ctx = mox_context_alloc();
+        mox_context_set_timeout(ctx, 60000);
+        return ctx;
+    };
+    struct Row {
+        std::function<void(keepalive_list *)> misuse;
+        const char *regex;
+    } rows[] = {
+        {[](keepalive_list *l) { start(l, 0); },
+         "registry 'reg' needs a positive timeout, got 0 ms(.|\n)*in keepalive_list_init"},
+        {[](keepalive_list *l) { start(l, -5); }, "got -5 ms(.|\n)*in keepalive_list_init"},
+        {[&](keepalive_list *l) { start(l, 100, with_deadline()); },
+         "cannot run in a context with a deadline(.|\n)*in keepalive_list_init"},
+        {[&](keepalive_list *l) {
+             start(l, 100);
+             Item a('A', &rec, l);
+             keepalive_list_fini(l);
+             a.mark();
+         },
+         "in keepalive_mark_accessed"},
+        {[](keepalive_list *l) {
+             start(l, 100);
+             keepalive_list_fini(l);
+             keepalive_list_fini(l);
+         },
+         "in keepalive_list_fini"},
+    };
+    for (const Row &r : rows) {
+        EXPECT_DEATH(run_in_coroutine([&] {
+                         keepalive_list list{};
+                         r.misuse(&list);
+                     }),
+                     r.regex);
+    }
 }
 
 } // namespace

@@ -1,0 +1,252 @@
+// The runtime on its real loop: coroutine switches, waits, contexts, file
+// operations, error codes, base64, keys and the log line head.
+#include "co_runner.h"
+#include "mox/mox.h"
+#include "sandbox.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+using tarn_test::run_in_coroutine;
+using tarn_test::Sandbox;
+
+namespace
+{
+
+int32_t call_fn(mox_co *, void *arg)
+{
+    (*static_cast<std::function<void()> *>(arg))();
+    return 0;
+}
+
+mox_co *spawn(std::function<void()> *fn, mox_context *ctx = nullptr)
+{
+    return mox_co_create(ctx, call_fn, fn);
+}
+
+// Under the sanitizers this checks the stack-switch annotations: coroutines
+// that end, a coroutine started and joined from another, deep frames and an
+// exception after a round trip to the worker thread.
+TEST(Coroutines, SwitchesEndsAndNestedStarts)
+{
+    std::string trace;
+    run_in_coroutine([&] {
+        std::function<void()> a = [&] {
+            for (char c : {'1', '2', '3'}) {
+                trace += std::string("a") + c;
+                mox_co_yield();
+            }
+        };
+        std::function<int(int)> deep = [&](int n) -> int {
+            volatile int pad[128];
+            pad[0] = n;
+            if (n == 0)
+                mox_co_yield();
+            return n == 0 ? 0 : deep(n - 1) + pad[0];
+        };
+        std::function<void()> inner = [&] { trace += deep(200) == 200 * 201 / 2 ? "i" : "?"; };
+        std::function<void()> b = [&] {
+            trace += "b";
+            mox_co_join(spawn(&inner));
+            try {
+                mox_loop *back =
+                    mox_co_migrate_to_thread(mox_process_worker(mox_current_process()));
+                mox_co_migrate_from_thread(back);
+                throw std::runtime_error("after a switch");
+            } catch (const std::exception &e) {
+                trace += e.what();
+            }
+        };
+        mox_co *ca = spawn(&a);
+        mox_co *cb = spawn(&b);
+        mox_co_set_name(ca, "worker-%d", 1);
+        EXPECT_STREQ(mox_co_get_name(ca), "worker-1");
+        EXPECT_EQ(mox_co_join(ca), 0);
+        EXPECT_EQ(mox_co_join(cb), 0);
+        EXPECT_EQ(mox_co_join(ca), 0); // joining an ended coroutine returns at once
+    });
+    EXPECT_EQ(trace, "a1ba2a3iafter a switch");
+}
+
+TEST(Coroutines, WaitQueueWakesItsWaitersAndDeadlinesEndWaits)
+{
+    run_in_coroutine([] {
+        mox_co_waitqueue q;
+        mox_co_waitqueue_init(&q);
+        int woken = 0;
+        std::function<void()> waiter = [&] {
+            mox_co *self = mox_current_co();
+            mox_co_waitqueue_add(&q, self);
+            int32_t ms = 10000;
+            woken += mox_co_wait_timeout(&ms) == 0 && ms > 0;
+            mox_co_waitqueue_del(self);
+            EXPECT_EQ(mox_co_wait_link(self)->next, mox_co_wait_link(self));
+        };
+        mox_co *c1 = spawn(&waiter), *c2 = spawn(&waiter);
+        mox_co_yield(); // let both queue up
+        mox_co_waitqueue_wakeup_all(&q);
+        EXPECT_TRUE(mox_list_empty(&q.waiters));
+        mox_co_join(c1);
+        mox_co_join(c2);
+        EXPECT_EQ(woken, 2);
+
+        // A child's deadline never outlives its parent's; past it every
+        // operation fails at once.
+        mox_context *parent = mox_context_alloc();
+        mox_context_set_timeout(parent, 50);
+        mox_context *child = mox_context_alloc_child(parent);
+        mox_context_set_timeout(child, 60000);
+        EXPECT_EQ(mox_context_deadline_ms(child), mox_context_deadline_ms(parent));
+        EXPECT_EQ(mox_context_get_id(child), nullptr);
+        EXPECT_EQ(mox_context_set_id(child, "op-%d ", 7), child);
+        EXPECT_STREQ(mox_context_get_id(child), "op-7 ");
+        std::function<void()> late = [] {
+            int32_t ms = 60000;
+            EXPECT_EQ(mox_co_wait_timeout(&ms), -ETIMEDOUT);
+            EXPECT_EQ(ms, 0);
+            EXPECT_EQ(mox_co_check_ctx(), -ETIMEDOUT);
+            EXPECT_EQ(mox_co_mkdir("/tmp", 0700), -ETIMEDOUT);
+            EXPECT_EQ(mox_co_wait_timeout(&ms), -ETIMEDOUT);
+        };
+        mox_co_join(spawn(&late, child));
+        mox_context_put(child);
+        mox_context_put(parent);
+    });
+}
+
+TEST(FileOps, ResultsAndErrors)
+{
+    Sandbox sb;
+    std::string a = sb.path("a"), b = sb.path("b"), d = sb.path("d");
+    run_in_coroutine([&] {
+        mox_co_file *f = nullptr;
+        ASSERT_EQ(mox_co_file_open(a.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600, &f), 0);
+        EXPECT_EQ(mox_co_file_open(a.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600, &f), -EEXIST);
+        EXPECT_EQ(mox_co_file_write(f, "hello world", 11, 0), 11);
+        EXPECT_EQ(mox_co_file_write(f, "W", 1, 6), 1);
+        EXPECT_EQ(mox_co_file_sync(f, 0), 0);
+        EXPECT_EQ(mox_co_file_sync(f, 1), 0);
+        EXPECT_GE(fcntl(f->fd, F_GETFD) & FD_CLOEXEC, 1);
+        EXPECT_EQ(mox_co_file_close(f), 0);
+        ASSERT_EQ(mox_co_file_rename(a.c_str(), b.c_str()), 0);
+        struct stat st;
+        EXPECT_EQ(mox_co_file_stat(a.c_str(), 0, &st), -ENOENT);
+        ASSERT_EQ(mox_co_file_open(b.c_str(), O_RDONLY, 0600, &f), 0);
+        char buf[32] = {};
+        EXPECT_EQ(mox_co_file_read(f, buf, sizeof buf, 0), 11);
+        EXPECT_STREQ(buf, "hello World");
+        mox_co_file_close(f);
+        EXPECT_EQ(mox_co_mkdir(d.c_str(), 0700), 0);
+        EXPECT_EQ(mox_co_file_rename(b.c_str(), (d + "/b").c_str()), 0);
+        EXPECT_EQ(mox_co_rmdir(d.c_str()), -ENOTEMPTY);
+        EXPECT_EQ(mox_co_file_unlink((d + "/b").c_str()), 0);
+        EXPECT_EQ(mox_co_file_unlink((d + "/b").c_str()), -ENOENT);
+        EXPECT_EQ(mox_co_rmdir(d.c_str()), 0);
+    });
+    // Outside a coroutine the work runs directly.
+    EXPECT_EQ(mox_co_mkdir(d.c_str(), 0700), 0);
+    EXPECT_TRUE(sb.exists("d"));
+}
+
+TEST(Errors, MappingAndTexts)
+{
+    const std::pair<int, int> mapping[] = {{0, 0},
+                                           {ENOENT, MOX_ENOENT},
+                                           {ENOTDIR, MOX_ENOTDIR},
+                                           {EISDIR, MOX_EISDIR},
+                                           {EINVAL, MOX_EINVAL},
+                                           {EEXIST, MOX_EEXIST},
+                                           {EIO, MOX_EIO}};
+    for (const auto &[err, code] : mapping)
+        EXPECT_EQ(mox_errno_to_err(err), code) << err;
+    EXPECT_STREQ(mox_strerror(8), "not found");
+    EXPECT_STREQ(mox_strerror(-30), "invalid argument");
+    for (int code = 0; code < 300; ++code)
+        EXPECT_NE(mox_strerror(code), nullptr);
+    char buf[255], tiny[4];
+    EXPECT_STREQ(mox_sys_strerror_r(ENOENT, buf, sizeof buf), "No such file or directory");
+    EXPECT_STREQ(mox_sys_strerror_r(ENOENT, tiny, sizeof tiny), "No ");
+}
+
+TEST(Base64, KnownVectorsAndTruncation)
+{
+    // The test vectors of RFC 4648, then output cut at the buffer's end.
+    const std::pair<std::string, const char *> rows[] = {{"", ""},
+                                                         {"f", "Zg=="},
+                                                         {"fo", "Zm8="},
+                                                         {"foo", "Zm9v"},
+                                                         {"foob", "Zm9vYg=="},
+                                                         {"fooba", "Zm9vYmE="},
+                                                         {"foobar", "Zm9vYmFy"},
+                                                         {std::string("\xfb\xff", 2), "+/8="}};
+    char out[16];
+    for (const auto &[in, want] : rows)
+        EXPECT_EQ(std::string(out, base64_encode(in.data(), in.size(), out, 16)), want) << in;
+    char guard[4] = {'#', '#', '#', '#'};
+    EXPECT_EQ(base64_encode("foobar", 6, guard, 3), 3u);
+    EXPECT_EQ(std::string(guard, 4), "Zm9#");
+    EXPECT_EQ(base64_encode("foob", 4, guard, 0), 0u);
+}
+
+TEST(Keys, PemFilesWithCertificateAndKey)
+{
+    Sandbox sb;
+    std::string pem = sb.path("site.pem"), key_pem = sb.path("k.pem"), cert = sb.path("c.pem");
+    std::string cmd = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+                      "-subj /CN=t -days 1 -keyout " +
+                      key_pem + " -out " + cert + " 2>/dev/null && cat " + cert + " " + key_pem +
+                      " > " + pem;
+    ASSERT_EQ(system(cmd.c_str()), 0);
+    EVP_PKEY *key = nullptr;
+    ASSERT_EQ(mox_pkey_from_pem_file(pem.c_str(), &key), 0);
+    EXPECT_EQ(EVP_PKEY_base_id(key), EVP_PKEY_EC);
+    EVP_PKEY_free(key);
+    EXPECT_EQ(mox_pkey_from_pem_file(cert.c_str(), &key), -29);
+    EXPECT_EQ(mox_pkey_from_pem_file(sb.path("none.pem").c_str(), &key), -ENOENT);
+}
+
+// The time stamp heads every line, except when JOURNAL_STREAM names standard
+// error: then the journal's priority replaces it.
+TEST(LogDeathTest, LineHeadFollowsJournalStream)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a fresh process reads the variable
+    const char *journal = "^<3>E level 0\n<4>W level 1\n<6>I level 2\n<5>N level 3\n"
+                          "<5>N level 6\n<7>D level 7\n<7>D level 9\n$";
+    const char *stamped = "^([0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:.]{12} [EWIND] level [0-9]\n){7}$";
+    struct Row {
+        const char *what;
+        int inode_shift; // -1: the variable is unset
+        const char *suffix;
+        const char *regex;
+    } rows[] = {{"standard error", 0, "", journal},
+                {"another inode", 1, "", stamped},
+                {"trailing text", 0, "x", stamped},
+                {"unset", -1, "", stamped}};
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.what);
+        auto child = [&r] {
+            struct stat st;
+            fstat(STDERR_FILENO, &st);
+            std::string id = std::to_string(st.st_dev) + ":" +
+                             std::to_string(st.st_ino + r.inode_shift) + r.suffix;
+            r.inode_shift < 0 ? unsetenv("JOURNAL_STREAM")
+                              : setenv("JOURNAL_STREAM", id.c_str(), 1);
+            __mox_log_level = 9;
+            for (int level : {0, 1, 2, 3, 6, 7, 9})
+                mox_log(level, "level %d", level);
+            exit(0);
+        };
+        EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), r.regex);
+    }
+}
+
+} // namespace

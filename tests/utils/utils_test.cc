@@ -1,0 +1,216 @@
+// The small helpers: coroutine sleeps, named children and time-limited
+// stretches, configuration getters with defaults, flags and msrids, the
+// string hash and the memory and path tests; and the C interface.
+#include "co_runner.h"
+#include "mox/mox.h"
+#include "utils/utils.h"
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+
+extern "C" int tarn_utils_c_check(void);
+
+using tarn_test::run_in_coroutine;
+
+namespace
+{
+
+struct ConfigDeleter {
+    void operator()(mox_config *cfg) const { mox_free_config(cfg); }
+};
+using Config = std::unique_ptr<mox_config, ConfigDeleter>;
+
+int32_t record_ctx_id(mox_co *co, void *arg)
+{
+    const char *id = mox_context_get_id(mox_co_get_ctx(co));
+    *static_cast<std::string *>(arg) = std::string(mox_co_get_name(co)) + "|" + (id ? id : "-");
+    return 0;
+}
+
+int32_t call_fn(mox_co *, void *arg)
+{
+    (*static_cast<std::function<void()> *>(arg))();
+    return 0;
+}
+
+TEST(CInterface, HeaderServesCPrograms)
+{
+    EXPECT_EQ(tarn_utils_c_check(), 1);
+}
+
+TEST(CoHelpers, SleepsNamedChildrenAndTimeLimitedStretches)
+{
+    run_in_coroutine([] {
+        EXPECT_EQ(mox_co_sleep(0), 0);
+        mox_context *ctx = mox_context_set_id(mox_context_alloc(), "job-7/");
+        mox_co_set_ctx(ctx);
+        std::function<void()> canceller = [ctx] {
+            mox_co_sleep(20);
+            mox_context_cancel(ctx);
+        };
+        mox_co_create(nullptr, call_fn, &canceller);
+        EXPECT_EQ(mox_co_sleep_cancelable(60000), -ECANCELED);
+        EXPECT_EQ(mox_co_sleep(10), 0); // the plain sleep does not watch for cancellation
+
+        // A child's id joins its parent's and its own name, cut to 127 bytes.
+        mox_context *anonymous = mox_context_alloc();
+        std::string seen[4];
+        mox_co *cos[] = {
+            mox_co_create_child(ctx, record_ctx_id, &seen[0], "sub_%d", 3),
+            mox_co_create_child(anonymous, record_ctx_id, &seen[1], "sub"),
+            mox_co_create_child(nullptr, record_ctx_id, &seen[2], "%s", "top"),
+            mox_co_create_child(ctx, record_ctx_id, &seen[3], "%s", std::string(300, 'x').c_str())};
+        // The children hold their own references.
+        mox_co_set_ctx(nullptr);
+        mox_context_put(ctx);
+        mox_context_put(anonymous);
+        for (mox_co *co : cos)
+            mox_co_join(co);
+        EXPECT_EQ(seen[0], "job-7/sub_3|job-7/sub_3");
+        EXPECT_EQ(seen[1], "sub|sub");
+        EXPECT_EQ(seen[2], "top|top");
+        EXPECT_EQ(seen[3].substr(seen[3].find('|')), "|job-7/" + std::string(127, 'x'));
+
+        // The stretch ends by its own deadline; the old context comes back.
+        for (const char *outer_id : {"outer", static_cast<const char *>(nullptr)}) {
+            mox_context *outer =
+                outer_id ? mox_context_set_id(mox_context_alloc(), outer_id) : nullptr;
+            mox_co_set_ctx(outer);
+            if (outer)
+                mox_context_put(outer);
+            mox_context *prev = mox_co_ctx_move_to_child(30);
+            EXPECT_EQ(prev, outer);
+            EXPECT_NE(mox_co_get_ctx(mox_current_co()), outer);
+            int32_t ms = 60000;
+            EXPECT_EQ(mox_co_wait_timeout(&ms), -ETIMEDOUT);
+            mox_co_ctx_move_from_child(prev);
+            EXPECT_EQ(mox_co_get_ctx(mox_current_co()), outer);
+            EXPECT_EQ(mox_co_check_ctx(), 0);
+            if (outer) {
+                EXPECT_STREQ(mox_context_get_id(outer), "outer"); // the reference came back
+            }
+            mox_co_set_ctx(nullptr);
+        }
+    });
+}
+
+TEST(ConfigHelpers, FlagsAndDefaults)
+{
+    struct Row {
+        const char *value; // null: the key is absent
+        int rc, rc_def;
+        int32_t flag, flag_def; // after getflag and after getflag_def with 7
+    };
+    const Row rows[] = {
+        {"1", 0, 0, 1, 1},          {"y", 0, 0, 1, 1},          {"yes", 0, 0, 1, 1},
+        {"0", 0, 0, 0, 0},          {"n", 0, 0, 0, 0},          {"no", 0, 0, 0, 0},
+        {"Yes", -30, -30, 42, 42},  {"true", -30, -30, 42, 42}, {"", -30, -30, 42, 42},
+        {"yes!", -30, -30, 42, 42}, {nullptr, -8, 0, 42, 7},
+    };
+    for (const Row &r : rows) {
+        Config cfg(mox_create_config());
+        if (r.value) {
+            ASSERT_EQ(mox_config_setstr(cfg.get(), "f", r.value), 0);
+        }
+        int32_t flag = 42, flag_def = 42;
+        EXPECT_EQ(mox_config_getflag(cfg.get(), "f", &flag), r.rc) << r.value;
+        EXPECT_EQ(mox_config_getflag_def(cfg.get(), "f", &flag_def, 7), r.rc_def) << r.value;
+        EXPECT_EQ(flag, r.flag) << r.value;
+        EXPECT_EQ(flag_def, r.flag_def) << r.value;
+    }
+    Config cfg(mox_read_config_mem("n = 300\nbad = x\ns = value\n"));
+    uint8_t u8 = 9;
+    uint64_t u64 = 0, wide[2] = {0, 0};
+    const uint64_t def = 0x1122334455667788ull;
+    EXPECT_EQ(mox_config_getuint_def(cfg.get(), "absent", &u8, 1, def), 0);
+    EXPECT_EQ(u8, 0x88u); // the default cut to the target's width
+    EXPECT_EQ(mox_config_getuint_def(cfg.get(), "absent", &u64, 8, def), 0);
+    EXPECT_EQ(u64, def);
+    EXPECT_EQ(mox_config_getuint_def(cfg.get(), "n", &u64, 8, 5), 0);
+    EXPECT_EQ(u64, 300u);
+    EXPECT_EQ(mox_config_getuint_def(cfg.get(), "n", &u8, 1, 5), -30); // out of range
+    EXPECT_EQ(mox_config_getuint_def(cfg.get(), "bad", &u64, 8, 5), -30);
+    EXPECT_EQ(mox_config_getuint_def(cfg.get(), "absent", wide, 16, 5), -30);
+    EXPECT_EQ(mox_config_getuint_def(cfg.get(), "absent", wide, 0, 5), -30);
+    EXPECT_EQ(wide[0], 0u);
+    const char *def_text = "fallback", *value = nullptr;
+    EXPECT_EQ(mox_config_getstr_def(cfg.get(), "absent", &value, def_text), 0);
+    EXPECT_EQ(value, def_text); // the default pointer itself
+    EXPECT_EQ(mox_config_getstr_def(cfg.get(), "s", &value, def_text), 0);
+    EXPECT_STREQ(value, "value");
+}
+
+TEST(ConfigHelpers, MsridsRoundTripAndMalformedOnesAreRefused)
+{
+    Config cfg(mox_create_config());
+    const uint64_t ids[][2] = {{0xab, 0xcd}, {~0ull, ~0ull}, {0x0123456789abcdef, 0}};
+    const char *texts[] = {"00000000000000ab00000000000000cd", "ffffffffffffffffffffffffffffffff",
+                           "0123456789abcdef0000000000000000"};
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(mox_config_setmsrid(cfg.get(), "id", ids[i]), 0);
+        const char *text = nullptr;
+        ASSERT_EQ(mox_config_getstr(cfg.get(), "id", &text), 0);
+        EXPECT_STREQ(text, texts[i]); // element 0 first, zero-padded
+        uint64_t back[2] = {7, 7};
+        EXPECT_EQ(mox_config_getmsrid(cfg.get(), "id", back), 0) << text;
+        EXPECT_EQ(back[0], ids[i][0]);
+        EXPECT_EQ(back[1], ids[i][1]);
+    }
+    struct Row {
+        const char *value;
+        int rc;
+        uint64_t first; // element 0 after the call: a half is stored before it is checked
+    };
+    const Row rows[] = {
+        {"0123456789abcdef0123456789abcde", -29, 7},                      // 31 characters
+        {"0123456789abcdef0123456789abcdef0", -29, 7},                    // 33 characters
+        {"0123456789abcdeg0123456789abcdef", -29, 0x0123456789abcdeull},  // bad first half
+        {"0123456789abcdef0123456789abcdeg", -29, 0x0123456789abcdefull}, // bad second half
+        {"0x23456789abcdef0123456789abcdef", 0, 0x23456789abcdefull},     // strtoull rules
+    };
+    for (const Row &r : rows) {
+        ASSERT_EQ(mox_config_setstr(cfg.get(), "id", r.value), 0) << r.value;
+        uint64_t id[2] = {7, 7};
+        EXPECT_EQ(mox_config_getmsrid(cfg.get(), "id", id), r.rc) << r.value;
+        EXPECT_EQ(id[0], r.first) << r.value;
+    }
+    uint64_t id[2];
+    EXPECT_EQ(mox_config_getmsrid(cfg.get(), "absent", id), -8);
+}
+
+TEST(Hashes, K33ZeroMemoryAndAbsolutePaths)
+{
+    const std::pair<const char *, uint64_t> k33[] = {
+        {"", 5381},
+        {"ab", 5863208},
+        {"quillon-tarn-ctl", 4863275785996252987ull}, // wraps modulo 2^64
+        {"\xE9", 5381 * 33 - 23},                     // high bytes count as negative
+    };
+    for (const auto &[str, hash] : k33)
+        EXPECT_EQ(k33_hash(str), hash) << str;
+    // A non-zero byte anywhere, in the words and in the tail, at any alignment.
+    alignas(8) unsigned char storage[48];
+    for (uint32_t len : {0u, 7u, 8u, 17u}) {
+        for (size_t shift : {0, 3}) {
+            unsigned char *buf = storage + 8 + shift;
+            memset(storage, 0, sizeof storage);
+            buf[-1] = buf[len] = 1; // just outside the range tested
+            EXPECT_EQ(is_zero_mem(buf, len), 1) << len << "+" << shift;
+            for (uint32_t pos = 0; pos < len; ++pos) {
+                buf[pos] = 0x80;
+                EXPECT_EQ(is_zero_mem(buf, len), 0) << len << "+" << shift << " at " << pos;
+                buf[pos] = 0;
+            }
+        }
+    }
+    for (const char *path : {"/", "//x"})
+        EXPECT_EQ(is_absolute_path(path), 1) << path;
+    for (const char *path : {"", "var/lib", " /x"})
+        EXPECT_EQ(is_absolute_path(path), 0) << path;
+}
+
+} // namespace
