@@ -136,22 +136,15 @@ TEST(InfoFile, ParseRefusesWhatIsNotItsOwnText)
     const std::string magic = ".type = tarn.test-info.1\n";
     const Row rows[] = {
         {".type = tarn.test-info.1 \t\n\v\f\r\n  ", 64, 0, ""},
-        {".type = tarn.other.1\nk = v\n", 64, -29,
-         "parse: '%' has invalid magic 'tarn.other.1' (expected 'tarn.test-info.1')"},
         {".type = tarn.test-info.10\n", 64, -29,
          "parse: '%' has invalid magic 'tarn.test-info.10' (expected 'tarn.test-info.1')"},
         {"k = v\n", 64, -29, "parse: failed to get magic for '%': -8 (not found)"},
         {"this is not a configuration\n", 64, -29,
          "parse: the content of '%' is not a mox_config file"},
-        {"", 64, -27, ""},
         {" \n\n \t\n", 64, -27, ""},
-        {std::string("\0rest", 5), 64, -27, ""}, // the text ends at its first NUL
         // A file that fills the buffer may have more: refused.
         {magic + std::string(4196 - magic.size(), ' '), 100, -29,
          "read: read from '%' filled all buffer of size 4196; possibly have unread data"},
-        {magic + std::string(4195 - magic.size(), ' '), 100, 0, ""},
-        {magic + std::string(12000 - magic.size(), ' '), 6000, -29,
-         "read: read from '%' filled all buffer of size 12000"},
         {magic + std::string(11999 - magic.size(), ' '), 6000, 0, ""},
     };
     for (const Row &r : rows) {
