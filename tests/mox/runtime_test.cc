@@ -145,18 +145,14 @@ TEST(Errors, MappingAndTexts)
 
 TEST(Base64, KnownVectorsAndTruncation)
 {
-    // The test vectors of RFC 4648, then output cut at the buffer's end.
-    const std::pair<std::string, const char *> rows[] = {{"", ""},
-                                                         {"f", "Zg=="},
-                                                         {"fo", "Zm8="},
-                                                         {"foo", "Zm9v"},
-                                                         {"foob", "Zm9vYg=="},
-                                                         {"fooba", "Zm9vYmE="},
-                                                         {"foobar", "Zm9vYmFy"},
-                                                         {std::string("\xfb\xff", 2), "+/8="}};
+    // The test vectors of RFC 4648 (the prefixes of "foobar"), then output
+    // cut at the buffer's end.
+    std::string got;
     char out[16];
-    for (const auto &[in, want] : rows)
-        EXPECT_EQ(std::string(out, base64_encode(in.data(), in.size(), out, 16)), want) << in;
+    for (size_t n = 0; n <= 6; ++n)
+        got.append(out, base64_encode("foobar", n, out, sizeof out)).append("|");
+    EXPECT_EQ(got, "|Zg==|Zm8=|Zm9v|Zm9vYg==|Zm9vYmE=|Zm9vYmFy|");
+    EXPECT_EQ(std::string(out, base64_encode("\xfb\xff", 2, out, sizeof out)), "+/8=");
     char guard[4] = {'#', '#', '#', '#'};
     EXPECT_EQ(base64_encode("foobar", 6, guard, 3), 3u);
     EXPECT_EQ(std::string(guard, 4), "Zm9#");

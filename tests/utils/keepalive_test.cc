@@ -124,6 +124,9 @@ TEST(Keepalive, ReleasesByTimeoutDelCallbacksAndFini)
         EXPECT_NE(list.flags & KEEPALIVE_STOPPING, 0);
         mox_co_join(co);         // already ended
         keepalive_del(&b.entry); // released entries stay released
+        keepalive_list bare{};   // no context of its own, nothing to release
+        start(&bare, 50);
+        keepalive_list_fini(&bare);
     });
     g_on_release = nullptr;
     EXPECT_EQ(g_events, "+A-A+A-A+B-B+E+C+B-C-B-E+C+D-C-D+A-A+B+C-C-B");
