@@ -155,12 +155,6 @@ TEST(KeepaliveDeathTest, MisuseIsReportedAsABug)
              a.mark();
          },
          "in keepalive_mark_accessed"},
-        {[](keepalive_list *l) {
-             start(l, 100);
-             keepalive_list_fini(l);
-             keepalive_list_fini(l);
-         },
-         "in keepalive_list_fini"},
     };
     for (const Row &r : rows) {
         EXPECT_DEATH(run_in_coroutine([&] {
