@@ -66,6 +66,7 @@ mox_co *start(keepalive_list *list, int32_t timeout_ms, mox_context *ctx = nullp
 TEST(Keepalive, ReleasesByTimeoutDelCallbacksAndFini)
 {
     bool fini_returned = false, suspend = false, in_hook = false;
+    g_events.clear();
     run_in_coroutine([&] {
         mox_context *ctx = mox_context_set_id(mox_context_alloc(), "gw/");
         keepalive_list list{};
@@ -74,11 +75,14 @@ TEST(Keepalive, ReleasesByTimeoutDelCallbacksAndFini)
         EXPECT_EQ(list.co, co);
         EXPECT_STREQ(mox_co_get_name(co), "gw/keepalive_reg");
         Item a('A', &list), b('B', &list), c('C', &list), d('D', &list), e('E', &list);
-        // C's release deletes D; A's suspends once armed. No release after fini.
+        // C's second release deletes D and marks E; A's suspends once armed.
+        // No release after fini.
         g_on_release = [&](char name) {
             EXPECT_FALSE(fini_returned);
-            if (name == 'C')
+            if (name == 'C' && c.releases == 2) {
                 keepalive_del(&d.entry);
+                e.mark(); // due a full timeout after this very moment
+            }
             if (name == 'A' && suspend) {
                 in_hook = true;
                 mox_co_sleep(50);
@@ -109,7 +113,7 @@ TEST(Keepalive, ReleasesByTimeoutDelCallbacksAndFini)
 
         c.mark();
         d.mark();
-        ASSERT_TRUE(wait_until([&] { return c.releases == 2; }));
+        ASSERT_TRUE(wait_until([&] { return e.releases == 2; }));
         EXPECT_EQ(d.releases, 1);
 
         suspend = true;
@@ -129,7 +133,7 @@ TEST(Keepalive, ReleasesByTimeoutDelCallbacksAndFini)
         keepalive_list_fini(&bare);
     });
     g_on_release = nullptr;
-    EXPECT_EQ(g_events, "+A-A+A-A+B-B+E+C+B-C-B-E+C+D-C-D+A-A+B+C-C-B");
+    EXPECT_EQ(g_events, "+A-A+A-A+B-B+E+C+B-C-B-E+C+D-C-D+E-E+A-A+B+C-C-B");
 }
 
 TEST(KeepaliveDeathTest, MisuseIsReportedAsABug)
