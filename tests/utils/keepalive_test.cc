@@ -139,33 +139,23 @@ TEST(Keepalive, ReleasesByTimeoutDelCallbacksAndFini)
 TEST(KeepaliveDeathTest, MisuseIsReportedAsABug)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    auto with_deadline = [] {
-        mox_context *ctx = mox_context_alloc();
-        mox_context_set_timeout(ctx, 60000);
-        return ctx;
-    };
-    struct Row {
-        std::function<void(keepalive_list *)> misuse;
-        const char *regex;
-    } rows[] = {
-        {[](keepalive_list *l) { start(l, 0); },
-         "registry 'reg' needs a positive timeout, got 0 ms(.|\n)*in keepalive_list_init"},
-        {[&](keepalive_list *l) { start(l, 100, with_deadline()); },
-         "cannot run in a context with a deadline(.|\n)*in keepalive_list_init"},
-        {[&](keepalive_list *l) {
-             start(l, 100);
-             Item a('A', l);
-             keepalive_list_fini(l);
-             a.mark();
-         },
-         "in keepalive_mark_accessed"},
-    };
-    for (const Row &r : rows) {
-        EXPECT_DEATH(run_in_coroutine([&] {
+    // Row 0: no timeout; 1: a context with a deadline; 2: a mark after the stop.
+    const char *messages[] = {
+        "registry 'reg' needs a positive timeout, got 0 ms(.|\n)*in keepalive_list_init",
+        "cannot run in a context with a deadline(.|\n)*in keepalive_list_init",
+        "in keepalive_mark_accessed"};
+    for (int row = 0; row < 3; ++row) {
+        EXPECT_DEATH(run_in_coroutine([row] {
+                         mox_context *ctx = mox_context_alloc();
+                         if (row == 1)
+                             mox_context_set_timeout(ctx, 60000);
                          keepalive_list list{};
-                         r.misuse(&list);
+                         start(&list, row == 0 ? 0 : 100, ctx);
+                         Item a('A', &list);
+                         keepalive_list_fini(&list);
+                         a.mark();
                      }),
-                     r.regex);
+                     messages[row]);
     }
 }
 
