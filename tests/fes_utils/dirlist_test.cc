@@ -47,11 +47,14 @@ struct MemDir : ar_io_dir {
     static const ar_io_dir_ops kOps;
 };
 
-int at(MemDir *m, ar_io_dir_entry **cursor)
+// Moves `dir` to its entry `pos`: 1 with the cursor there, or how reading ends.
+int at(ar_io_dir *dir, size_t pos, ar_io_dir_entry **cursor)
 {
-    if (m->pos >= m->node->kids.size())
+    auto *m = static_cast<MemDir *>(dir);
+    m->pos = pos;
+    if (pos >= m->node->kids.size())
         return m->node->read_rc;
-    m->cur = {m->node->kids[m->pos].name.c_str(), m->node->kids[m->pos].mode};
+    m->cur = {m->node->kids[pos].name.c_str(), m->node->kids[pos].mode};
     if (cursor) {
         *cursor = &m->cur;
         g_stats.cursors++;
@@ -61,12 +64,10 @@ int at(MemDir *m, ar_io_dir_entry **cursor)
 
 const ar_io_dir_ops MemDir::kOps = {
     [](ar_io_dir *dir, ar_io_dir_entry *, ar_io_dir_entry **cursor, int) {
-        static_cast<MemDir *>(dir)->pos = 0;
-        return at(static_cast<MemDir *>(dir), cursor);
+        return at(dir, 0, cursor);
     },
     [](ar_io_dir *dir, ar_io_dir_entry *, int) {
-        static_cast<MemDir *>(dir)->pos++;
-        return at(static_cast<MemDir *>(dir), nullptr);
+        return at(dir, static_cast<MemDir *>(dir)->pos + 1, nullptr);
     },
     [](ar_io_dir *, ar_io_dir_entry *) { g_stats.cursors--; },
     [](ar_io_dir *dir, const char *name, ar_io_dir **child, int) {
