@@ -157,4 +157,28 @@ TEST(Base64, KnownVectorsAndTruncation)
     EXPECT_EQ(base64_encode("foob", 4, guard, 0), 0u);
 }
 
+// In the journal the syslog priority replaces the time stamp; a stream that
+// is not standard error's own keeps the stamp.
+TEST(LogDeathTest, LineHeadFollowsJournalStream)
+{
+    // A fresh process: the answer is kept from the first line logged.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (int own : {1, 0}) {
+        EXPECT_EXIT(
+            {
+                struct stat st;
+                fstat(STDERR_FILENO, &st);
+                std::string id = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino + !own);
+                setenv("JOURNAL_STREAM", id.c_str(), 1);
+                __mox_log_level = 9;
+                for (int level : {0, 1, 2, 7})
+                    mox_log(level, "level %d", level);
+                exit(0);
+            },
+            testing::ExitedWithCode(0),
+            own ? "^<3>E level 0\n<4>W level 1\n<6>I level 2\n<7>D level 7\n$"
+                : "^[0-9]{4}-[0-9-]+ [0-9:.]+ E level 0\n");
+    }
+}
+
 } // namespace
