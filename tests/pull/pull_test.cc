@@ -326,6 +326,11 @@ TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
         EXPECT_EQ(text(secrets[name].as_object()["2"]), text(pulls[name].as_object()["secret"]));
     EXPECT_TRUE(fs::is_empty(env.files));
     EXPECT_EQ(text(dump(env.dst)["ondemand"].as_object()["b"]), "1");
+    // Without --rm-when-done the source keeps its files.
+    r = env.run("pull --src @S --src-cert @rsa --src-dc-uid dc-src --pull-account acc --rename-to "
+                "kept");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(text(dump(env.dst)["pulls"].as_object()["kept"].as_object()["flags"]), "4");
 }
 
 // The tool's own deadline is 120 s per step; the step's context inherits an
