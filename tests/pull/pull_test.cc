@@ -1,249 +1,87 @@
 // The pull command end to end: the real tool against a source and a
 // destination simulator over TLS, and the local account tree it writes.
-#include "pull_test_util.h"
+#include "co_runner.h"
+#include "frame/tarn_ctl.h"
+#include "gateway_sim.h"
+#include "mox/mox.h"
+#include "pull/pull.h"
+#include "sandbox.h"
 
+#include <algorithm>
 #include <boost/json.hpp>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <sys/stat.h>
 
+namespace fs = std::filesystem;
 namespace json = boost::json;
-using pull_test::kUsage;
-using pull_test::PullEnv;
+using ember_test::pki_file;
+using tarn_test::read_file;
 
 namespace
 {
 
-struct OptionCase {
-    std::vector<std::string> args;
-    std::string err;
-    int status;
+// The local gateway (its configuration, certificate and account tree in a
+// sandbox), a source and a destination simulator.
+struct PullEnv {
+    tarn_test::Sandbox sb;
+    ember_test::Sim src{"dc-src"}, dst{"dc-dst"};
+    std::string config = sb.path("tarn.config"), files = sb.mkdir("root/var/files");
+
+    PullEnv()
+    {
+        sb.write_file("certs/tarn.pem", read_file(pki_file("web-ec.pem")));
+        configure(true);
+    }
+    void configure(bool with_root) const
+    {
+        std::vector<std::pair<std::string, std::string>> pairs = {{"tarn.private_addr", dst.addr()},
+                                                                  {"certs.dir", sb.path("certs")}};
+        if (with_root)
+            pairs.emplace_back("root_dir", sb.path("root"));
+        sb.write_config("tarn.config", pairs);
+    }
+    // `text` with @S and @D (the simulators' addresses), @F (the account
+    // tree), @web, @rsa and @ec (certificates with the web client usage, or
+    // without, of RSA and EC keys) replaced.
+    std::string expand(std::string text) const
+    {
+        const std::pair<std::string, std::string> marks[] = {{"@S", src.addr()},
+                                                             {"@D", dst.addr()},
+                                                             {"@F", files},
+                                                             {"@web", pki_file("web-ec.pem")},
+                                                             {"@rsa", pki_file("site-rsa.pem")},
+                                                             {"@ec", pki_file("site-ec.pem")}};
+        for (const auto &[mark, value] : marks)
+            for (size_t at; (at = text.find(mark)) != std::string::npos;)
+                text.replace(at, mark.size(), value);
+        return text;
+    }
+    // Runs "quillon-tarn-ctl -c CONFIG WORDS..." with the words of `line`
+    // expanded.
+    tarn_test::RunResult run(const std::string &line, int timeout_ms = 60000) const
+    {
+        std::vector<std::string> argv = {tarn_test::tool_path(), "-c", config};
+        std::istringstream in(line);
+        for (std::string w; in >> w;)
+            argv.push_back(expand(w));
+        tarn_test::RunOptions o;
+        o.env = {"SSL_CERT_FILE=" + pki_file("ca.pem")};
+        o.timeout_ms = timeout_ms;
+        return tarn_test::run(argv, o);
+    }
+    // The file names of an account directory, sorted.
+    std::vector<std::string> names(const std::string &account) const
+    {
+        std::vector<std::string> out;
+        std::error_code ec;
+        for (const auto &e : fs::directory_iterator(files + "/" + account, ec))
+            out.push_back(e.path().filename().string());
+        std::sort(out.begin(), out.end());
+        return out;
+    }
 };
-
-TEST(PullOptions, ReportsBadCommandLines)
-{
-    const std::string before_p = "--src and --src-cert|--src-jwt must be specified before -p";
-    const OptionCase cases[] = {
-        {{"-h"}, kUsage, 255},
-        {{},
-         std::string("ERROR: No --pull-account or --pull-all-accounts given on the command "
-                     "line.\n\n") +
-             kUsage,
-         255},
-        {{"--src", "A", "--dst", "B"},
-         std::string("ERROR: No --pull-account or --pull-all-accounts given on the command "
-                     "line.\n\n") +
-             kUsage,
-         255},
-        {{"--src", "A", "--src-cert", "F", "--pull-account", "x", "z"},
-         std::string("Can't parse 'z' as an argument.\n") + kUsage,
-         255},
-        {{"--src"}, std::string("Unknown option '--src'.\n") + kUsage, 255},
-        {{"--auto"}, std::string("Unknown option '--auto'.\n") + kUsage, 255},
-        {{"-f"}, std::string("Unknown option '-f'.\n") + kUsage, 255},
-        {{"--rename-to", "y", "--pull-account", "x"},
-         std::string("ERROR: --rename-to must follow the --pull-account it renames\n\n") + kUsage,
-         255},
-        {{"--pull-account", "x", "--src", "A", "--src-cert", "F"}, before_p, 0},
-        {{"--src", "A", "--pull-account", "x"}, before_p, 0},
-        {{"--src", "A", "--src-cert", "F", "--pull-all-accounts", "--src-jwt", "T",
-          "--pull-account", "y", "--src", "B", "--pull-all-accounts", "--dst", "D",
-          "--enable-ondemand-only", "acc"},
-         "--dst-cert|--dst-jwt must be specified before --(disable|enable)-ondemand-only",
-         0},
-        {{"--src-cert", "F", "--pull-all-accounts"},
-         "--src and --src-cert|--src-jwt must be specified before -P",
-         0},
-    };
-    PullEnv env;
-    for (const auto &c : cases) {
-        auto r = env.pull(c.args);
-        std::string line;
-        for (const auto &a : c.args)
-            line += a + " ";
-        EXPECT_EQ(r.status, c.status) << line;
-        EXPECT_EQ(r.err, c.err) << line;
-    }
-}
-
-std::string info_text(const std::string &src, const std::string &account, const std::string &copy,
-                      int rm)
-{
-    return ".type=tarn.acc-data.0\npull.src-host=" + src + "\npull.src-account=" + account +
-           "\npull.src-cert=" + copy + "\npull.rm-when-done=" + std::to_string(rm) +
-           "\npull.started=0";
-}
-
-unsigned mode_of(const std::string &path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-TEST(Pull, InfoFileModeWritesCertificateCopyAndInfo)
-{
-    PullEnv env;
-    std::string cert = env.cert("web-ec.pem");
-    auto r = env.pull({"--src", "a.example:8443", "--cert", cert, "--pull-account", "acc",
-                       "--rename-to", "new", "--rm-when-done"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    auto names = env.files("new");
-    ASSERT_EQ(names.size(), 2u) << r.err;
-    EXPECT_EQ(names[0], ".info");
-    ASSERT_EQ(names[1].rfind(".pull.src-cert.", 0), 0u);
-    std::string copy = env.acc("new", names[1]);
-    EXPECT_EQ(tarn_test::read_file(copy), tarn_test::read_file(cert));
-    EXPECT_EQ(tarn_test::read_file(env.acc("new", ".info")),
-              info_text("a.example:8443", "acc", copy, 1));
-    EXPECT_EQ(mode_of(env.acc("new")), 0700u);
-    EXPECT_EQ(mode_of(copy), 0600u);
-    EXPECT_EQ(mode_of(env.acc("new", ".info")), 0600u);
-}
-
-// An account directory in some earlier state, and what a pull then does.
-struct ExistingCase {
-    const char *name;
-    const char *info;     // content of an existing ".info"; null for none
-    const char *leftover; // a temporary file left by an interrupted run
-    bool merge;           // --merge-replace
-    const char *error;    // the fatal message's text after the path; null: success
-};
-
-TEST(Pull, InfoFileModeRespectsAnExistingAccount)
-{
-    const ExistingCase cases[] = {
-        {"no-info", nullptr, nullptr, false, nullptr},
-        {"exists", "pull.started=1", nullptr, false,
-         "failed: Account info file '%I' exists. Maybe you forgot to pass '--merge-replace' "
-         "option"},
-        {"not-started", ".type=tarn.acc-data.0\npull.started=0", nullptr, true,
-         "Previously configured pull is not started yet. Maybe you need to start it manually. "
-         "Account info file: '%I'"},
-        {"started", ".type=tarn.acc-data.0\npull.started=1", nullptr, true, nullptr},
-        {"no-started-key", ".type=tarn.acc-data.0\n", nullptr, true, nullptr},
-        {"other-type", ".type=tarn.other\npull.started=1", nullptr, true,
-         "failed: unsupported '.type=tarn.other' in '%I'"},
-        {"no-type", "pull.started=1", nullptr, true, "failed to get '.type' from '%I'"},
-        {"not-config", "what is this", nullptr, true, "failed to read config from '%I'"},
-        {"bad-started", ".type=tarn.acc-data.0\npull.started=yes", nullptr, true,
-         "failed to get 'pull.started' from '%I': -30 (invalid argument)"},
-        {"info-tmp", nullptr, ".info-tmp", false,
-         "failed to open '%D.info-tmp': -17 (File exists)"},
-        {"cert-tmp", nullptr, ".pull.src-cert-tmp", false,
-         "failed to copy '%C' to '%D.pull.src-cert-tmp': -17 (File exists)"},
-    };
-    PullEnv env;
-    std::string cert = env.cert("site-ec.pem");
-    for (const auto &c : cases) {
-        std::string dir = env.acc(c.name);
-        env.sb.mkdir(std::string("root/var/files/") + c.name);
-        if (c.info)
-            env.sb.write_file(std::string("root/var/files/") + c.name + "/.info", c.info);
-        if (c.leftover)
-            env.sb.write_file(std::string("root/var/files/") + c.name + "/" + c.leftover, "");
-        std::vector<std::string> args = {"--src",          "S",   "--src-cert", cert,
-                                         "--pull-account", c.name};
-        if (c.merge)
-            args.push_back("--merge-replace");
-        std::string info_before = tarn_test::read_file(dir + ".info");
-        auto r = env.pull(args);
-        if (!c.error) {
-            EXPECT_EQ(r.status, 0) << c.name << ": " << r.err;
-            EXPECT_NE(tarn_test::read_file(dir + ".info").find("pull.started=0"), std::string::npos)
-                << c.name;
-            continue;
-        }
-        std::string want = c.error;
-        for (auto [mark, value] :
-             {std::pair<std::string, std::string>{"%I", dir + ".info"}, {"%D", dir}, {"%C", cert}})
-            if (auto at = want.find(mark); at != std::string::npos)
-                want.replace(at, 2, value);
-        EXPECT_EQ(r.status, 1) << c.name;
-        EXPECT_NE(r.err.find(" E " + want + "\n"), std::string::npos) << c.name << ": " << r.err;
-        EXPECT_EQ(tarn_test::read_file(dir + ".info"), info_before) << c.name;
-        for (const auto &f : env.files(c.name))
-            EXPECT_TRUE(f == ".info" || f.rfind(".pull.src-cert.", 0) == 0 || f == c.leftover)
-                << c.name << ": " << f;
-    }
-}
-
-TEST(Pull, InfoFileModeRefusesWhatItCannotWrite)
-{
-    PullEnv env;
-    std::string cert = env.cert("site-ec.pem");
-    struct {
-        std::vector<std::string> args;
-        std::vector<std::pair<std::string, std::string>> config;
-        std::string error;
-    } cases[] = {
-        {{"--src", "S", "--src-cert", "/nonexistent.pem", "--pull-account", "a"},
-         {},
-         "failed to copy '/nonexistent.pem' to '" + env.acc("a") +
-             ".pull.src-cert-tmp': -2 (No such file or directory)"},
-        {{"--src", "S", "--src-jwt", "h.p.s", "--pull-account", "b"},
-         {},
-         "failed to pull account 'b': --src-cert is required without --src-dc-uid"},
-        {{"--src", "S", "--src-cert", cert, "--pull-account", "c", "--rename-to", "../c"},
-         {},
-         "failed to pull account 'c': '../c' is not a valid account name"},
-        {{"--src", "S", "--src-cert", cert, "--pull-account", "d"},
-         {{"root_dir", ""}},
-         "failed to find a line 'root_dir = </absolute/path>' in TARN config file: -8 (not "
-         "found)"},
-    };
-    for (const auto &c : cases) {
-        env.configure(c.config);
-        auto r = env.pull(c.args);
-        EXPECT_EQ(r.status, 1) << c.error;
-        EXPECT_NE(r.err.find(" E " + c.error + "\n"), std::string::npos) << r.err;
-    }
-    // A failed copy leaves no temporary file; nothing was made for the rest.
-    EXPECT_TRUE(env.files("a").empty());
-    for (const char *name : {"b", "c", "d"})
-        EXPECT_FALSE(std::filesystem::exists(env.acc(name))) << name;
-}
-
-TEST(Pull, AllAccountsInInfoFileModeStopsAtTheFirstFailure)
-{
-    PullEnv env;
-    for (const char *a : {"a1", "a2", "a3", "a4"})
-        env.src.mkdir(std::string("/") + a);
-    env.sb.mkdir("root/var/files/a3");
-    env.sb.write_file("root/var/files/a3/.info", "pull.started=1");
-    std::string web = env.cert("web-ec.pem");
-    auto r = env.pull({"--src", env.src.addr(), "--src-cert", web, "--pull-all-accounts"}, 2);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(" I a1\n"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("Account info file '" + env.acc("a3") + ".info' exists"),
-              std::string::npos)
-        << r.err;
-    EXPECT_EQ(env.files("a1").size(), 2u);
-    EXPECT_EQ(env.files("a2").size(), 2u);
-    EXPECT_EQ(env.files("a3"), std::vector<std::string>{".info"});
-    EXPECT_FALSE(std::filesystem::exists(env.acc("a4")));
-
-    // A certificate without the web client usage is refused before listing.
-    std::string plain = env.cert("site-ec.pem");
-    r = env.pull({"--src", env.src.addr(), "--src-cert", plain, "--pull-all-accounts"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(" E certificate in '" + plain + "' is not a 'web certificate'\n"),
-              std::string::npos)
-        << r.err;
-    EXPECT_NE(env.src.dump().find("\"listings\":0"), std::string::npos);
-}
-
-TEST(Pull, AllAccountsListsEveryPage)
-{
-    PullEnv env;
-    const int n = 2001;      // three listing pages
-    env.timeout_ms = 240000; // a TLS handshake per account, ten times slower under TSan
-    for (int i = 0; i < n; i++)
-        env.src.mkdir("/acc" + std::to_string(i));
-    auto r = env.pull({"--src", env.src.addr(), "--src-cert", env.cert("web-ec.pem"),
-                       "--src-dc-uid", "dc-src", "--pull-all-accounts"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(json::parse(env.dst.dump()).as_object()["pulls"].as_object().size(), size_t(n));
-}
 
 json::object dump(const ember_test::Sim &sim)
 {
@@ -255,11 +93,198 @@ std::string text(const json::value &v)
     return v.is_string() ? std::string(v.as_string()) : json::serialize(v);
 }
 
-std::string secret_of(const ember_test::Sim &sim, const char *account, const char *kind)
+unsigned mode_of(const std::string &path)
 {
-    auto d = dump(sim);
-    const json::value *s = d["secrets"].as_object().if_contains(account);
-    return s && s->as_object().contains(kind) ? std::string(s->at(kind).as_string()) : "";
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+TEST(Pull, OptionTable)
+{
+    PullEnv env;
+    auto help = env.run("pull -h");
+    ASSERT_EQ(help.status, 255);
+    ASSERT_TRUE(help.err.starts_with("Account and DC migration tool.\n")) << help.err;
+    const char none[] =
+        "ERROR: No --pull-account or --pull-all-accounts given on the command line.\n\n";
+    const char before_p[] = "--src and --src-cert|--src-jwt must be specified before -p";
+    // Status 255: what precedes the usage text; otherwise the whole of stderr.
+    const struct {
+        const char *args;
+        int status;
+        std::string err;
+    } rows[] = {
+        {"", 255, none},
+        {"--src A --dst B", 255, none},
+        {"--src A --src-cert F --pull-account x z", 255, "Can't parse 'z' as an argument.\n"},
+        {"--src", 255, "Unknown option '--src'.\n"},
+        {"--auto", 255, "Unknown option '--auto'.\n"},
+        {"-f", 255, "Unknown option '-f'.\n"},
+        {"--rename-to y --pull-account x", 255,
+         "ERROR: --rename-to must follow the --pull-account it renames\n\n"},
+        {"--pull-account x --src A --src-cert F", 0, before_p},
+        {"--src A --pull-account x", 0, before_p},
+        {"--src A --src-cert F --pull-all-accounts --src-jwt T --pull-account y --src B "
+         "--pull-all-accounts --dst D --enable-ondemand-only acc",
+         0, "--dst-cert|--dst-jwt must be specified before --(disable|enable)-ondemand-only"},
+        {"--src-cert F --pull-all-accounts", 0,
+         "--src and --src-cert|--src-jwt must be specified before -P"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.args);
+        auto r = env.run(std::string("pull ") + row.args);
+        EXPECT_EQ(r.status, row.status);
+        EXPECT_EQ(r.err, row.status == 255 ? row.err + help.err : row.err);
+    }
+}
+
+TEST(Pull, InfoFileModeRespectsAnExistingAccount)
+{
+    // An account directory in some earlier state (an ".info", or a temporary
+    // file of an interrupted run), and the fatal message that follows (@A is
+    // the account directory), or null for success.
+    const struct {
+        const char *name, *info, *leftover, *merge, *error;
+    } rows[] = {
+        {"no-info", nullptr, nullptr, " --rm-when-done", nullptr},
+        {"exists", "pull.started=1", nullptr, "",
+         "failed: Account info file '@A.info' exists. Maybe you forgot to pass "
+         "'--merge-replace' option"},
+        {"not-started", ".type=tarn.acc-data.0\npull.started=0", nullptr, " --merge-replace",
+         "Previously configured pull is not started yet. Maybe you need to start it manually. "
+         "Account info file: '@A.info'"},
+        {"started", ".type=tarn.acc-data.0\npull.started=1", nullptr, " --merge-replace", nullptr},
+        {"no-started-key", ".type=tarn.acc-data.0\n", nullptr, " --merge-replace", nullptr},
+        {"other-type", ".type=tarn.other\npull.started=1", nullptr, " --merge-replace",
+         "failed: unsupported '.type=tarn.other' in '@A.info'"},
+        {"no-type", "pull.started=1", nullptr, " --merge-replace",
+         "failed to get '.type' from '@A.info'"},
+        {"not-config", "what is this", nullptr, " --merge-replace",
+         "failed to read config from '@A.info'"},
+        {"bad-started", ".type=tarn.acc-data.0\npull.started=yes", nullptr, " --merge-replace",
+         "failed to get 'pull.started' from '@A.info': -30 (invalid argument)"},
+        {"info-tmp", nullptr, ".info-tmp", "", "failed to open '@A.info-tmp': -17 (File exists)"},
+        {"cert-tmp", nullptr, ".pull.src-cert-tmp", "",
+         "failed to copy '@ec' to '@A.pull.src-cert-tmp': -17 (File exists)"},
+    };
+    PullEnv env;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        std::string dir = env.sb.mkdir(std::string("root/var/files/") + row.name) + "/";
+        if (row.info)
+            env.sb.write_file(std::string("root/var/files/") + row.name + "/.info", row.info);
+        if (row.leftover)
+            env.sb.write_file(std::string("root/var/files/") + row.name + "/" + row.leftover, "");
+        std::string info_before = read_file(dir + ".info");
+        auto r =
+            env.run(std::string("pull --src S --cert @ec --pull-account ") + row.name + row.merge);
+        if (!row.error) {
+            // A fresh ".info" naming an exact copy of the certificate.
+            auto names = env.names(row.name);
+            ASSERT_EQ(names.size(), 2u) << r.err;
+            std::string copy = dir + names[1];
+            EXPECT_EQ(read_file(copy), read_file(pki_file("site-ec.pem")));
+            EXPECT_EQ(read_file(dir + ".info"),
+                      std::string(".type=tarn.acc-data.0\npull.src-host=S\npull.src-account=") +
+                          row.name + "\npull.src-cert=" + copy + "\npull.rm-when-done=" +
+                          (std::string(row.merge).ends_with("done") ? "1" : "0") +
+                          "\npull.started=0");
+            EXPECT_EQ(mode_of(dir), 0700u);
+            EXPECT_EQ(mode_of(copy), 0600u);
+            EXPECT_EQ(mode_of(dir + ".info"), 0600u);
+            continue;
+        }
+        std::string want = env.expand(row.error);
+        want.replace(want.find("@A"), 2, dir);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_NE(r.err.find(" E " + want + "\n"), std::string::npos) << r.err;
+        EXPECT_EQ(read_file(dir + ".info"), info_before);
+        for (const auto &f : env.names(row.name))
+            EXPECT_TRUE(f == ".info" || f.starts_with(".pull.src-cert.") || f == row.leftover) << f;
+    }
+}
+
+// Bad input, a refused certificate, and a gateway that answers with an
+// error, with garbage, or drops the connection: the step's message.
+TEST(Pull, FailuresEndWithTheStepsMessage)
+{
+    const char all[] = "pull --src @S --src-cert @web --pull-all-accounts";
+    const char trust[] = "pull --src @S --src-cert @rsa --src-dc-uid u --pull-account acc";
+    // The simulator ('S' or 'D') given `fault`, the command, and the fatal
+    // message (after " E ").
+    const struct {
+        char sim;
+        const char *fault, *line, *error;
+    } rows[] = {
+        {0, "", "pull --src S --src-cert /nonexistent.pem --pull-account a",
+         "failed to copy '/nonexistent.pem' to '@F/a/.pull.src-cert-tmp': -2 (No such file or "
+         "directory)"},
+        {0, "", "pull --src S --src-jwt h.p.s --pull-account b",
+         "failed to pull account 'b': --src-cert is required without --src-dc-uid"},
+        {0, "", "pull --src S --src-cert @ec --pull-account c --rename-to ../c",
+         "failed to pull account 'c': '../c' is not a valid account name"},
+        {0, "", "pull --src @S --src-cert @ec --pull-all-accounts",
+         "certificate in '@ec' is not a 'web certificate'\n"},
+        {0, "",
+         "pull --src @S --src-cert @rsa --dst @D --dst-cert @web --src-dc-uid dc-src "
+         "--merge-replace --pull-account acc",
+         "--merge-replace is not supported with --src-dc-uid\n"},
+        {'S', R"({"op":"/v1/dir/list","error":80})", all,
+         "failed to list accounts on @S: -80 (I/O error)"},
+        {'S', R"({"op":"/v1/dir/list","body":"<html>not json</html>"})", all,
+         "failed to list accounts on @S: -60 (protocol error)"},
+        {'S', R"({"op":"/v1/trust-secret/set","drop":true})", trust,
+         "failed to set trust secret for source account 'acc': -104 ("},
+        {'D', R"({"op":"/v1/pull/configure","error":1})", trust,
+         "failed to configure pull for account 'acc' on destination TARN: -1 (operation not "
+         "permitted)"},
+        {'D', R"({"op":"/v1/pull/ondemand-only","error":61})",
+         "pull --dst-jwt eyJhIjoxfQ.eyJhIjoxfQ.c2ln --enable-ondemand-only acc",
+         "failed to set pull.ondemand_only to 1 for account 'acc': -61 ("},
+        {0, "", "pull --dst nowhere:1 --dst-cert @web --disable-ondemand-only missing",
+         "failed to set pull.ondemand_only to 0 for account 'missing': -8 (not found)\n"},
+        {'R', "", "pull --src S --src-cert @ec --pull-account d",
+         "failed to find a line 'root_dir = </absolute/path>' in TARN config file: -8 (not "
+         "found)"},
+    };
+    PullEnv env;
+    env.src.mkdir("/acc");
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.line);
+        const ember_test::Sim *sim = row.sim == 'S' ? &env.src : row.sim == 'D' ? &env.dst : 0;
+        env.configure(row.sim != 'R');
+        if (sim)
+            sim->fault(row.fault);
+        auto r = env.run(row.line);
+        if (sim)
+            sim->fault(R"({"clear":true})");
+        EXPECT_EQ(r.status, 1);
+        EXPECT_NE(r.err.find(" E " + env.expand(row.error)), std::string::npos) << r.err;
+    }
+    // Nothing was made for the refused accounts, no pull configured.
+    for (const char *name : {"/b", "/c", "/d"})
+        EXPECT_FALSE(fs::exists(env.files + name)) << name;
+    EXPECT_TRUE(dump(env.dst)["pulls"].as_object().empty());
+}
+
+// Commands run in command-line order; the pull of all accounts stops at the
+// first that fails.
+TEST(Pull, AllAccountsInInfoFileModeStopsAtTheFirstFailure)
+{
+    PullEnv env;
+    for (const char *a : {"/a1", "/a2", "/a3", "/a4"})
+        env.src.mkdir(a);
+    env.sb.write_file("root/var/files/a3/.info", "pull.started=1");
+    auto r = env.run(
+        "-d 2 pull --src @S --src-cert @web --pull-account a1 --rename-to a0 --pull-all-accounts");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find(" I a1\n"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(env.expand("Account info file '@F/a3/.info' exists")), std::string::npos)
+        << r.err;
+    for (const char *a : {"a0", "a1", "a2"})
+        EXPECT_EQ(env.names(a).size(), 2u) << a;
+    EXPECT_EQ(env.names("a3"), std::vector<std::string>{".info"});
+    EXPECT_FALSE(fs::exists(env.files + "/a4"));
 }
 
 TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
@@ -267,20 +292,28 @@ TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
     PullEnv env;
     env.src.mkdir("/acc");
     env.src.mkdir("/other");
-    // No destination setting: the local gateway, with its own certificate
-    // turned into a self-issued JWT.
-    auto r = env.pull({"--src", env.src.addr(), "--src-cert", env.cert("site-rsa.pem"),
-                       "--src-dc-uid", "dc-src", "--pull-account", "acc", "--rename-to", "new",
-                       "--pull-all-accounts", "--rm-when-done"},
-                      7);
-    ASSERT_EQ(r.status, 0) << r.err;
+    for (int i = 0; i < 1999; i++) // 2,001 accounts: three listing pages
+        env.src.mkdir("/p" + std::to_string(i));
+    env.dst.mkdir("/b");
+    // No destination setting for the pulls: the local gateway, with its own
+    // certificate turned into a self-issued JWT. The on-demand switch runs
+    // last, on the local gateway too. A TLS handshake per account, ten times
+    // slower under TSan.
+    auto r = env.run("-d 7 pull --src @S --src-cert @rsa --src-dc-uid dc-src --pull-account acc "
+                     "--rename-to new --pull-all-accounts --rm-when-done --dst-cert @web "
+                     "--enable-ondemand-only b",
+                     240000);
+    ASSERT_EQ(r.status, 0) << r.err.substr(0, 2000);
     EXPECT_NE(r.err.find(" D JWT for pull:\n"), std::string::npos);
     // -d asked for progress: the pull of all accounts ends with its summary.
-    EXPECT_NE(r.err.find(" I pull of all accounts: 2 accounts in "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(" I pull of all accounts: 2001 accounts in "), std::string::npos);
     auto pulls = dump(env.dst)["pulls"].as_object();
+    EXPECT_EQ(pulls.size(), 2002u);
+    auto secrets = dump(env.src)["secrets"].as_object();
     for (auto [src_name, dst_name] :
          {std::pair{"acc", "new"}, {"acc", "acc"}, {"other", "other"}}) {
-        ASSERT_TRUE(pulls.contains(dst_name)) << dst_name;
+        SCOPED_TRACE(dst_name);
+        ASSERT_TRUE(pulls.contains(dst_name));
         auto p = pulls[dst_name].as_object();
         EXPECT_EQ(text(p["src"]), env.src.addr());
         EXPECT_EQ(text(p["src_account"]), src_name);
@@ -289,94 +322,98 @@ TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
         EXPECT_EQ(p["secret"].as_string().size(), 40u);
     }
     // The last pull of "acc" replaced its secret on the source.
-    EXPECT_EQ(secret_of(env.src, "acc", "2"), text(pulls["acc"].as_object()["secret"]));
-    EXPECT_EQ(secret_of(env.src, "other", "2"), text(pulls["other"].as_object()["secret"]));
-    EXPECT_TRUE(std::filesystem::is_empty(env.root + "/var/files"));
-}
-
-TEST(Pull, TrustModeRefusesMergeReplaceAfterStoringTheSecret)
-{
-    PullEnv env;
-    env.src.mkdir("/acc");
-    auto r = env.pull({"--src", env.src.addr(), "--src-cert", env.cert("site-rsa.pem"), "--dst",
-                       env.dst.addr(), "--dst-cert", env.cert("web-ec.pem"), "--src-dc-uid",
-                       "dc-src", "--merge-replace", "--pull-account", "acc"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(" E --merge-replace is not supported with --src-dc-uid\n"),
-              std::string::npos)
-        << r.err;
-    EXPECT_EQ(secret_of(env.src, "acc", "2").size(), 40u);
-    EXPECT_TRUE(dump(env.dst)["pulls"].as_object().empty());
-}
-
-TEST(Pull, CommandsRunInCommandLineOrder)
-{
-    PullEnv env;
-    env.src.mkdir("/a");
-    env.src.mkdir("/c");
-    env.dst.mkdir("/b");
-    std::string web = env.cert("web-ec.pem");
-    // The on-demand switch runs last, on the local gateway, whatever --dst
-    // said; it fails for an account the gateway does not have.
-    auto r =
-        env.pull({"--src", env.src.addr(), "--src-cert", web, "--pull-account", "a", "--rename-to",
-                  "a2", "--pull-all-accounts", "--dst", "nowhere:1", "--dst-cert", web,
-                  "--enable-ondemand-only", "b", "--disable-ondemand-only", "missing"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(" E failed to set pull.ondemand_only to 0 for account 'missing': -8 "
-                         "(not found)\n"),
-              std::string::npos)
-        << r.err;
-    for (const char *a : {"a2", "a", "c"})
-        EXPECT_TRUE(std::filesystem::exists(env.acc(a, ".info"))) << a;
-    // At the default level the commands' own lines stand alone.
-    EXPECT_EQ(r.err.find("pull of all accounts"), std::string::npos) << r.err;
+    for (const char *name : {"acc", "other"})
+        EXPECT_EQ(text(secrets[name].as_object()["2"]), text(pulls[name].as_object()["secret"]));
+    EXPECT_TRUE(fs::is_empty(env.files));
     EXPECT_EQ(text(dump(env.dst)["ondemand"].as_object()["b"]), "1");
+    // Without --rm-when-done the source keeps its files.
+    r = env.run("pull --src @S --src-cert @rsa --src-dc-uid dc-src --pull-account acc --rename-to "
+                "kept");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(text(dump(env.dst)["pulls"].as_object()["kept"].as_object()["flags"]), "4");
 }
 
-// A gateway that answers with an error, with garbage, or drops the
-// connection: the step's message with a negative code.
-TEST(Pull, GatewayFailuresEndWithTheStepsMessage)
+// The tool's own deadline is 120 s per step; the step's context inherits an
+// earlier one, so a stall is shown here with a deadline of half a second.
+TEST(Pull, StalledGatewayEndsTheStepWithTimeout)
 {
     PullEnv env;
     env.src.mkdir("/acc");
-    std::string site = env.cert("site-rsa.pem");
-    struct {
-        const ember_test::Sim &sim;
-        std::string fault;
-        std::vector<std::string> args;
-        std::string error;
-    } cases[] = {
-        {env.src,
-         R"({"op":"/v1/dir/list","error":80})",
-         {"--src", env.src.addr(), "--src-cert", env.cert("web-ec.pem"), "--pull-all-accounts"},
-         "failed to list accounts on " + env.src.addr() + ": -80 (I/O error)"},
-        {env.src,
-         R"({"op":"/v1/dir/list","body":"<html>not json</html>"})",
-         {"--src", env.src.addr(), "--src-cert", env.cert("web-ec.pem"), "--pull-all-accounts"},
-         "failed to list accounts on " + env.src.addr() + ": -60 (protocol error)"},
-        {env.src,
-         R"({"op":"/v1/trust-secret/set","drop":true})",
-         {"--src", env.src.addr(), "--src-cert", site, "--src-dc-uid", "u", "--pull-account",
-          "acc"},
-         "failed to set trust secret for source account 'acc': -104 ("},
-        {env.dst,
-         R"({"op":"/v1/pull/configure","error":1})",
-         {"--src", env.src.addr(), "--src-cert", site, "--src-dc-uid", "u", "--pull-account",
-          "acc"},
-         "failed to configure pull for account 'acc' on destination TARN: -1 (operation not "
-         "permitted)"},
-        {env.dst,
-         R"({"op":"/v1/pull/ondemand-only","error":61})",
-         {"--dst-jwt", "eyJhIjoxfQ.eyJhIjoxfQ.c2ln", "--enable-ondemand-only", "acc"},
-         "failed to set pull.ondemand_only to 1 for account 'acc': -61 ("},
+    env.src.fault(R"({"op":"/v1/trust-secret/set","delay_ms":5000})");
+    EXPECT_EXIT(
+        {
+            setenv("SSL_CERT_FILE", pki_file("ca.pem").c_str(), 1);
+            config = mox_read_config(env.config.c_str());
+            tarn_test::run_command(parse_opts_pull, exec_pull,
+                                   {"pull", "--src", env.src.addr(), "--src-cert",
+                                    pki_file("web-ec.pem"), "--src-dc-uid", "u", "--pull-account",
+                                    "acc"},
+                                   500);
+        },
+        testing::ExitedWithCode(1),
+        "E failed to set trust secret for source account 'acc': -110 \\(timed out\\)");
+}
+
+// A system call that fails on one file of the info-file protocol (@A the
+// account directory, @ec the source certificate), and the step the tool must
+// then name. The copy's final name is known only later.
+const struct {
+    const char *call, *file, *error, *message;
+} kStepFaults[] = {
+    {"mkdir", "@A", "EACCES", "failed to create a directory '@A' for an account to pull: -13"},
+    {"newfstatat", "@A.info", "EIO", "failed to stat '@A.info': -5"},
+    {"openat", "@ec", "EACCES", "failed to copy '@ec' to '@A.pull.src-cert-tmp': -13"},
+    {"pread64", "@ec", "EIO", "failed to copy '@ec' to '@A.pull.src-cert-tmp': -5"},
+    {"openat", "@A.pull.src-cert-tmp", "EIO", "failed to copy '@ec' to '@A.pull.src-cert-tmp': -5"},
+    {"pwrite64", "@A.pull.src-cert-tmp", "ENOSPC",
+     "failed to copy '@ec' to '@A.pull.src-cert-tmp': -28"},
+    {"fsync", "@A.pull.src-cert-tmp", "EIO", "failed to copy '@ec' to '@A.pull.src-cert-tmp': -5"},
+    {"rename", "@A.pull.src-cert-tmp", "EIO", "failed to rename '@A.pull.src-cert-tmp' to '"},
+    {"openat", "@A.info-tmp", "ENOSPC", "failed to open '@A.info-tmp': -28"},
+    {"pwrite64", "@A.info-tmp", "ENOSPC",
+     "failed to write a .info file for 'acc': write() returned -28 instead of "},
+    {"fsync", "@A.info-tmp", "EIO", "failed to fsync a .info file for 'acc': -5"},
+    {"rename", "@A.info-tmp", "EIO", "failed to rename '@A.info-tmp' to '@A.info': -5"},
+};
+
+// Under its final name a file is complete: ".info" whole and naming a copy
+// that exists, every certificate copy byte for byte; a failed copy leaves no
+// temporary file behind.
+TEST(Pull, EveryStepFailsCleanlyAndSaysWhichStep)
+{
+    if (tarn_test::run({"strace", "-qq", "-o", "/dev/null", "true"}).status != 0)
+        GTEST_SKIP() << "strace is missing or may not trace here";
+    PullEnv env;
+    auto at_account = [&](std::string text) {
+        for (size_t at; (at = text.find("@A")) != std::string::npos;)
+            text.replace(at, 2, env.files + "/acc/");
+        return env.expand(text);
     };
-    for (const auto &c : cases) {
-        c.sim.fault(c.fault);
-        auto r = env.pull(c.args);
-        c.sim.fault(R"({"clear":true})");
-        EXPECT_EQ(r.status, 1) << c.error;
-        EXPECT_NE(r.err.find(" E " + c.error), std::string::npos) << r.err;
+    for (const auto &f : kStepFaults) {
+        fs::remove_all(env.files + "/acc");
+        std::string target = at_account(f.file), message = at_account(f.message);
+        SCOPED_TRACE(std::string(f.call) + " on " + target);
+        auto r = tarn_test::run({"strace", "-f", "-qq", "-o", "/dev/null", "-P", target, "-e",
+                                 std::string("inject=") + f.call + ":error=" + f.error + ":when=1",
+                                 tarn_test::tool_path(), "-c", env.config, "pull", "--src", "S",
+                                 "--src-cert", pki_file("site-ec.pem"), "--pull-account", "acc"});
+        EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_NE(r.err.find(" E " + message), std::string::npos) << r.err;
+        for (const auto &name : env.names("acc")) {
+            std::string text = read_file(env.files + "/acc/" + name);
+            if (name == ".info") {
+                size_t at = text.find("pull.src-cert=") + 14;
+                EXPECT_TRUE(text.ends_with("\npull.started=0") &&
+                            fs::exists(text.substr(at, text.find('\n', at) - at)))
+                    << "partial or dangling .info: " << text;
+            } else if (name.starts_with(".pull.src-cert.")) {
+                EXPECT_EQ(text, read_file(pki_file("site-ec.pem"))) << "partial copy " << name;
+            } else {
+                EXPECT_TRUE(name == ".info-tmp" || (name == ".pull.src-cert-tmp" &&
+                                                    !message.starts_with("failed to copy")))
+                    << "stray " << name;
+            }
+        }
     }
 }
 

@@ -6,7 +6,6 @@
 #include "sync_client.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -18,88 +17,55 @@
 namespace ember_test
 {
 
-namespace
-{
-
-// A PKI this process made, removed when the process ends: private keys do
-// not outlive the run.
-struct OwnPki {
-    std::string dir;
-    ~OwnPki()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(dir, ec);
-    }
-};
-
-} // namespace
-
-const std::string &pki()
-{
-    // CTest makes one PKI per run (the test_pki fixture) and names it in
-    // TARN_TEST_PKI; a binary run by hand makes its own.
-    static OwnPki own;
-    static std::string dir = [] {
-        const char *given = getenv("TARN_TEST_PKI");
-        struct stat sb;
-        if (given && stat((std::string(given) + "/ca.pem").c_str(), &sb) == 0)
-            return std::string(given);
-        char tmpl[] = "/tmp/tarn-pki-XXXXXX";
-        own.dir = mkdtemp(tmpl);
-        std::string cmd = std::string(TARN_MAKE_PKI) + " " + own.dir;
-        if (system(cmd.c_str()) != 0)
-            abort();
-        return own.dir;
-    }();
-    static bool ca_set = setenv("SSL_CERT_FILE", (dir + "/ca.pem").c_str(), 1) == 0;
-    (void)ca_set;
-    return dir;
-}
-
 std::string pki_file(const std::string &name)
 {
-    return pki() + "/" + name;
+    // CTest makes one PKI per run (the test_pki fixture) and names it in
+    // TARN_TEST_PKI; a binary run by hand makes its own, removed when the
+    // process ends: private keys do not outlive the run.
+    static struct Pki {
+        std::string dir, own;
+        Pki()
+        {
+            const char *given = getenv("TARN_TEST_PKI");
+            struct stat sb;
+            if (given && stat((std::string(given) + "/ca.pem").c_str(), &sb) == 0) {
+                dir = given;
+            } else {
+                char tmpl[] = "/tmp/tarn-pki-XXXXXX";
+                dir = own = mkdtemp(tmpl);
+                if (system((std::string(TARN_MAKE_PKI) + " " + own).c_str()) != 0)
+                    abort();
+            }
+            setenv("SSL_CERT_FILE", (dir + "/ca.pem").c_str(), 1);
+        }
+        ~Pki()
+        {
+            std::error_code ec;
+            if (!own.empty())
+                std::filesystem::remove_all(own, ec);
+        }
+    } pki;
+    return pki.dir + "/" + name;
 }
-
-namespace
-{
-
-// Reads the port line the sim prints, for at most ten seconds.
-int read_port(int fd)
-{
-    std::string line;
-    char ch;
-    struct pollfd p = {fd, POLLIN, 0};
-    while (poll(&p, 1, 10000) == 1 && read(fd, &ch, 1) == 1 && ch != '\n')
-        line.push_back(ch);
-    return atoi(line.c_str());
-}
-
-} // namespace
 
 Sim::Sim(const std::string &uid, const std::vector<std::string> &extra, const std::string &cert)
     : uid_(uid)
 {
     char tmpl[] = "/tmp/ember-sim-XXXXXX";
     data_ = mkdtemp(tmpl);
-    std::vector<std::string> args = {TARN_GATEWAY_SIM,
-                                     "--listen",
-                                     "127.0.0.1:0",
-                                     "--cert",
-                                     pki_file(cert + ".crt"),
-                                     "--key",
-                                     pki_file(cert + ".key"),
-                                     "--uid",
-                                     uid,
-                                     "--data",
-                                     data_,
-                                     "--client-ca",
-                                     pki_file("ca.pem"),
-                                     "--jwt-key",
-                                     pki_file("site-rsa.crt"),
-                                     "--jwt-key",
-                                     pki_file("web-ec.crt")};
+    std::vector<std::string> args = {TARN_GATEWAY_SIM, "--listen", "127.0.0.1:0", "--uid", uid,
+                                     "--data",         data_};
+    for (auto [opt, file] : {std::pair{"--cert", cert + ".crt"},
+                             {"--key", cert + ".key"},
+                             {"--client-ca", "ca.pem"},
+                             {"--jwt-key", "site-rsa.crt"},
+                             {"--jwt-key", "web-ec.crt"}})
+        args.insert(args.end(), {opt, pki_file(file)});
     args.insert(args.end(), extra.begin(), extra.end());
+    std::vector<char *> argv;
+    for (auto &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
     int fds[2];
     if (pipe(fds) != 0)
         abort();
@@ -107,16 +73,18 @@ Sim::Sim(const std::string &uid, const std::vector<std::string> &extra, const st
     if (pid_ == 0) {
         dup2(fds[1], 1);
         close_range(3, ~0u, 0); // nothing of this process's leaks into the simulator
-        std::vector<char *> argv;
-        for (auto &a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
         execv(argv[0], argv.data());
         _exit(127);
     }
     close(fds[1]);
-    port_ = read_port(fds[0]);
+    // The port line the sim prints, read for at most ten seconds.
+    std::string line;
+    char ch;
+    struct pollfd p = {fds[0], POLLIN, 0};
+    while (poll(&p, 1, 10000) == 1 && read(fds[0], &ch, 1) == 1 && ch != '\n')
+        line.push_back(ch);
     close(fds[0]);
+    port_ = atoi(line.c_str());
     EXPECT_GT(port_, 0) << "the simulator did not start";
 }
 
@@ -126,9 +94,9 @@ Sim::~Sim()
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    std::string cmd = "rm -rf '" + data_ + "'";
-    if (system(cmd.c_str()) != 0)
-        ADD_FAILURE() << "cannot remove " << data_;
+    std::error_code ec;
+    std::filesystem::remove_all(data_, ec);
+    EXPECT_FALSE(ec) << "cannot remove " << data_;
 }
 
 void Sim::mkdir(const std::string &path) const
@@ -157,10 +125,21 @@ void Sim::fault(const std::string &json) const
     ASSERT_EQ(post("/v1/test/fault", json), "{\"error\":0}");
 }
 
-ember_client *cert_client(const std::string &addr, const std::string &pem)
+namespace
+{
+
+ember_client *client(const std::string &addr)
 {
     ember_client *c = ember_client_alloc();
     EXPECT_EQ(ember_client_set_host(c, addr.c_str()), 0);
+    return c;
+}
+
+} // namespace
+
+ember_client *cert_client(const std::string &addr, const std::string &pem)
+{
+    ember_client *c = client(addr);
     EXPECT_EQ(ember_client_load_auth_from_pem_file(c, pki_file(pem).c_str()), 0);
     return c;
 }
@@ -175,8 +154,7 @@ ember_client *jwt_client(const std::string &addr, const std::string &pem, uint32
     char *jwt = ember_jwt_generate(&req);
     EVP_PKEY_free(key);
     EXPECT_NE(jwt, nullptr);
-    ember_client *c = ember_client_alloc();
-    EXPECT_EQ(ember_client_set_host(c, addr.c_str()), 0);
+    ember_client *c = client(addr);
     EXPECT_EQ(ember_client_set_jwt(c, jwt ? jwt : ""), 0);
     mox_free(jwt);
     return c;

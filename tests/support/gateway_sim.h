@@ -11,9 +11,8 @@
 namespace ember_test
 {
 
-// The directory of the PKI (see make_pki.sh); SSL_CERT_FILE points at its
-// CA once this has been called.
-const std::string &pki();
+// A file of the test PKI (see make_pki.sh); SSL_CERT_FILE points at its CA
+// once this has been called.
 std::string pki_file(const std::string &name);
 
 // A running tarn-gateway-sim with its own data directory.
@@ -27,12 +26,7 @@ class Sim
     Sim(const Sim &) = delete;
     Sim &operator=(const Sim &) = delete;
 
-    std::string addr() const
-    {
-        std::string a = "127.0.0.1:";
-        a += std::to_string(port_);
-        return a;
-    }
+    std::string addr() const { return "127.0.0.1:" + std::to_string(port_); }
     int port() const { return port_; }
     pid_t pid() const { return pid_; }
     const std::string &data() const { return data_; }

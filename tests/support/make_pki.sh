@@ -7,15 +7,17 @@ set -eu
 cd "$1"
 q() { "$@" >/dev/null 2>&1; }
 
-ec_key() { q openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1"; }
-rsa_key() { q openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "$1"; }
+key() { # name [algorithm option]
+    q openssl genpkey -algorithm "${2:-EC}" -pkeyopt "${3:-ec_paramgen_curve:P-256}" -out "$1.key"
+}
 
 ca() { # name
-    ec_key "$1.key"
+    key "$1"
     q openssl req -x509 -new -key "$1.key" -subj "/CN=$1" -days 2 -out "$1.pem"
 }
 
-cert() { # name ca extensions
+cert() { # name ca extensions [algorithm option]
+    key "$1" "${4:-EC}" "${5:-ec_paramgen_curve:P-256}"
     q openssl req -new -key "$1.key" -subj "/CN=$1" -out "$1.csr"
     printf '%s\n' "$3" > "$1.ext"
     q openssl x509 -req -in "$1.csr" -CA "$2.pem" -CAkey "$2.key" -CAcreateserial \
@@ -25,18 +27,11 @@ cert() { # name ca extensions
 
 ca ca
 ca stranger-ca
-ec_key server.key
 cert server ca "subjectAltName=IP:127.0.0.1"
-ec_key server-names.key
 cert server-names ca "subjectAltName=DNS:localhost,IP:::1"
-ec_key stranger-server.key
 cert stranger-server stranger-ca "subjectAltName=IP:127.0.0.1"
-rsa_key site-rsa.key
-cert site-rsa ca "basicConstraints=CA:FALSE"
-ec_key site-ec.key
+cert site-rsa ca "basicConstraints=CA:FALSE" RSA rsa_keygen_bits:2048
 cert site-ec ca "basicConstraints=CA:FALSE"
-ec_key web-ec.key
 cert web-ec ca "extendedKeyUsage=clientAuth"
-ec_key untrusted.key
 cert untrusted stranger-ca "extendedKeyUsage=clientAuth"
 chmod 600 ./*.key ./*.pem

@@ -1,53 +1,40 @@
 #include "nfs_harness.h"
 
+#include <cstring>
 #include <sstream>
 
 namespace tarn_test
 {
 
-namespace
-{
-
-const char kStateDir[] = "nfs-state";
-
-// Stand-in name, and the system path it covers.
-const char *const kStandins[][2] = {
-    {"mount", "/bin/mount"}, {"umount", "/bin/umount"},           {"df", "/bin/df"},
-    {"cat", "/bin/cat"},     {"bundlectl", "/usr/bin/bundlectl"},
-};
-
-} // namespace
-
-NfsSim::NfsSim(const Sandbox &sb) : sb_(sb), state_(sb.mkdir(kStateDir))
+NfsSim::NfsSim(const Sandbox &sb) : sb_(sb), state_(sb.mkdir("nfs-state"))
 {
     // The stand-in cat runs this copy for every file but /proc/mounts: inside
     // the namespace the real one is covered.
-    sb_.write_file(std::string(kStateDir) + "/real-cat", read_file("/usr/bin/cat"), 0755);
-    sb_.write_file(std::string(kStateDir) + "/mounts", "");
+    sb_.write_file("nfs-state/real-cat", read_file("/usr/bin/cat"), 0755);
+    sb_.write_file("nfs-state/mounts", "");
 }
 
 RunOptions NfsSim::options() const
 {
     RunOptions o;
     o.in_namespace = true;
-    for (const auto &standin : kStandins)
-        o.mounts.emplace_back(std::string(TARN_NFS_STANDINS) + "/" + standin[0], standin[1]);
-    o.env.push_back("TARN_NFS_STATE=" + state_);
-    o.env.push_back(std::string("TARN_NFS_STANDINS=") + TARN_NFS_STANDINS);
+    for (const char *path :
+         {"/bin/mount", "/bin/umount", "/bin/df", "/bin/cat", "/usr/bin/bundlectl"})
+        o.mounts.emplace_back(TARN_NFS_STANDINS + std::string(strrchr(path, '/')), path);
+    o.env = {"TARN_NFS_STATE=" + state_, std::string("TARN_NFS_STANDINS=") + TARN_NFS_STANDINS};
     return o;
 }
 
 void NfsSim::add_mount(const std::string &source, const std::string &target,
                        const std::string &type) const
 {
-    std::string rel = std::string(kStateDir) + "/mounts";
-    sb_.write_file(rel,
-                   sb_.read_file(rel) + source + " " + target + " " + type + " rw,relatime 0 0\n");
+    sb_.write_file("nfs-state/mounts",
+                   mount_table() + source + " " + target + " " + type + " rw,relatime 0 0\n");
 }
 
 std::string NfsSim::mount_table() const
 {
-    return sb_.read_file(std::string(kStateDir) + "/mounts");
+    return sb_.read_file("nfs-state/mounts");
 }
 
 std::vector<std::string> NfsSim::calls(const std::string &program) const
@@ -61,12 +48,12 @@ std::vector<std::string> NfsSim::calls(const std::string &program) const
 
 void NfsSim::fail(const std::string &program, int exit_code) const
 {
-    sb_.write_file(std::string(kStateDir) + "/fail." + program, std::to_string(exit_code) + "\n");
+    sb_.write_file("nfs-state/fail." + program, std::to_string(exit_code) + "\n");
 }
 
 void NfsSim::delay(const std::string &program, const std::string &seconds) const
 {
-    sb_.write_file(std::string(kStateDir) + "/delay." + program, seconds + "\n");
+    sb_.write_file("nfs-state/delay." + program, seconds + "\n");
 }
 
 } // namespace tarn_test

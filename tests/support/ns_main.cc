@@ -3,37 +3,19 @@
 //   tarn-test-ns [--bind SOURCE TARGET]... -- COMMAND [ARG]...
 #include "sandbox.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
 #include <unistd.h>
-#include <vector>
-
-namespace tarn_test
-{
-bool enter_mount_namespace(const RunOptions &opts, std::string &error);
-}
 
 int main(int argc, char **argv)
 {
     tarn_test::RunOptions opts;
-    opts.in_namespace = true;
     int i = 1;
-    for (; i < argc; ++i) {
-        if (strcmp(argv[i], "--") == 0) {
-            ++i;
-            break;
-        }
-        if (strcmp(argv[i], "--bind") == 0 && i + 2 < argc) {
-            opts.mounts.emplace_back(argv[i + 1], argv[i + 2]);
-            i += 2;
-            continue;
-        }
+    for (; i + 2 < argc && strcmp(argv[i], "--bind") == 0; i += 3)
+        opts.mounts.emplace_back(argv[i + 1], argv[i + 2]);
+    if (i + 1 >= argc || strcmp(argv[i], "--") != 0) {
         fprintf(stderr, "usage: tarn-test-ns [--bind SOURCE TARGET]... -- COMMAND [ARG]...\n");
-        return 2;
-    }
-    if (i >= argc) {
-        fprintf(stderr, "tarn-test-ns: no command given\n");
         return 2;
     }
     std::string error;
@@ -41,7 +23,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "tarn-test-ns: %s\n", error.c_str());
         return 1;
     }
-    execvp(argv[i], argv + i);
-    fprintf(stderr, "tarn-test-ns: exec %s: %s\n", argv[i], strerror(errno));
+    execvp(argv[i + 1], argv + i + 1);
+    fprintf(stderr, "tarn-test-ns: exec %s: %s\n", argv[i + 1], strerror(errno));
     return 127;
 }

@@ -6,7 +6,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -15,9 +14,8 @@ namespace tarn_test
 
 std::string read_file(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
@@ -36,11 +34,9 @@ RunResult run_tool(const std::vector<std::string> &args, const RunOptions &opts)
 Sandbox::Sandbox()
 {
     const char *tmp = getenv("TMPDIR");
-    std::string templ =
-        std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarn-test-XXXXXX";
-    if (mkdtemp(templ.data()) == nullptr)
+    dir_ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tarn-test-XXXXXX";
+    if (mkdtemp(dir_.data()) == nullptr)
         throw std::runtime_error("mkdtemp failed");
-    dir_ = templ;
 }
 
 Sandbox::~Sandbox()
@@ -59,10 +55,7 @@ std::string Sandbox::write_file(const std::string &rel, const std::string &conte
 {
     std::string p = path(rel);
     fs::create_directories(fs::path(p).parent_path());
-    {
-        std::ofstream out(p, std::ios::binary | std::ios::trunc);
-        out << content;
-    }
+    std::ofstream(p, std::ios::binary | std::ios::trunc) << content;
     chmod(p.c_str(), mode);
     return p;
 }

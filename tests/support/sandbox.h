@@ -3,7 +3,6 @@
 // temporary directories and files stand over fixed system paths.
 #pragma once
 
-#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -48,6 +47,9 @@ RunResult run_tool(const std::vector<std::string> &args, const RunOptions &opts 
 
 // Null when private mount namespaces may be used here; otherwise why not.
 std::optional<std::string> namespace_unavailable_reason();
+// Enters a private mount namespace and binds `opts.mounts`, for a process
+// about to exec; false with `error` set when a step fails.
+bool enter_mount_namespace(const RunOptions &opts, std::string &error);
 
 // A fresh directory under $TMPDIR (or /tmp), removed with all it holds.
 class Sandbox
