@@ -7,9 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using tarn_test::run_tool;
-using tarn_test::Sandbox;
-
 namespace
 {
 
@@ -31,10 +28,10 @@ const char kUsage[] =
     "  replication                 replication of files to another DC\n"
     "  enable-logmanager           edit config files for logmanager\n";
 
-// A command line ("@CONF": a valid configuration, "@FIFO", "@BIG", "@BAD",
-// "@DIR": refused ones) and its outcome: status 255 ends in `err` followed by
-// the usage text (libc's own diagnostic may come first), status 1 logs the
-// configuration error `err` about the path, status 0 is quiet about it.
+// A command line ("@CONF": a valid configuration, "@FIFO", "@BIG", "@BAD":
+// refused ones) and its outcome: standard error ends in `err` followed by
+// the usage text (status 255; libc's own diagnostic may come first) or in
+// the configuration error about the path followed by `err` (status 1).
 struct FrameCase {
     std::vector<std::string> args;
     int status;
@@ -42,8 +39,6 @@ struct FrameCase {
 };
 
 const FrameCase kCases[] = {
-    {{}, 255, "No command specified.\n"},
-    {{"-h"}, 255, ""},
     {{"--he"}, 255, ""},
     {{"-c", "@CONF", "-d", "3"}, 255, "No command specified.\n"},
     // Without a command word the configuration is not even opened.
@@ -52,7 +47,6 @@ const FrameCase kCases[] = {
     {{"-x", "enable-logmanager"}, 255, "Unknown option '-x'.\n"},
     {{"-c"}, 255, "Unknown option '-c'.\n"},
     {{"-c", "@CONF", "enable-logmanagerx"}, 255, "Unknown command 'enable-logmanagerx'.\n"},
-    {{"-c", "@CONF", "Enable-Logmanager"}, 255, "Unknown command 'Enable-Logmanager'.\n"},
     {{"--conf", "@CONF", "--debug", "2", "enable"}, 255, "Unknown command 'enable'.\n"},
     // "-h" after the command word belongs to the command.
     {{"-c", "@CONF", "no-such", "-h"}, 255, "Unknown command 'no-such'.\n"},
@@ -63,7 +57,6 @@ const FrameCase kCases[] = {
     // refused at once; replication goes on without one.
     {{"-c", "/dev/zero", "enable-logmanager"}, 1, ": not a regular file"},
     {{"-c", "@FIFO", "enable-logmanager"}, 1, ": not a regular file"},
-    {{"-c", "@DIR", "enable-logmanager"}, 1, ": not a regular file"},
     {{"-c", "@BIG", "enable-logmanager"}, 1, ": larger than 16 MiB"},
     {{"-c", "@FIFO", "replication"}, 0, ""},
     {{"-c", "@BIG", "replication"}, 0, ""},
@@ -71,35 +64,27 @@ const FrameCase kCases[] = {
 
 TEST(Frame, CommandLines)
 {
-    Sandbox sb;
+    tarn_test::Sandbox sb;
     std::map<std::string, std::string> paths = {
         {"@CONF", sb.write_config("tarn.config", {{"root_dir", sb.dir()}})},
         {"@BAD", sb.write_file("bad.config", "root_dir = /x\nthis is not a pair\n")},
         {"@BIG", sb.write_file("big.config", "")},
-        {"@FIFO", sb.path("fifo")},
-        {"@DIR", sb.dir()}};
+        {"@FIFO", sb.path("fifo")}};
     ASSERT_EQ(mkfifo(paths["@FIFO"].c_str(), 0600), 0);
     ASSERT_EQ(truncate(paths["@BIG"].c_str(), (16 << 20) + 1), 0);
-    tarn_test::RunOptions quick;
-    quick.timeout_ms = 5000;
     for (const FrameCase &c : kCases) {
         std::vector<std::string> args;
         for (const auto &a : c.args)
             args.push_back(paths.count(a) ? paths[a] : a);
         SCOPED_TRACE(testing::PrintToString(args));
-        auto r = run_tool(args, quick);
-        ASSERT_FALSE(r.timed_out) << "the tool did not end within 5 s";
+        auto r = tarn_test::run_tool(args);
+        ASSERT_FALSE(r.timed_out) << "the tool did not end within 30 s";
         EXPECT_EQ(r.status, c.status) << r.err;
         EXPECT_EQ(r.out, "");
-        std::string want = c.err + kUsage;
-        if (c.status == 255) {
-            ASSERT_GE(r.err.size(), want.size()) << r.err;
-            EXPECT_EQ(r.err.substr(r.err.size() - want.size()), want);
-        } else if (c.status == 1) {
-            want = " E Failed to open or parse config file '" + args[1] + "'" + c.err + "\n";
-            EXPECT_NE(r.err.find(want), std::string::npos) << r.err;
-            EXPECT_EQ(r.err.find("Unknown command"), std::string::npos);
-        }
+        std::string want = c.status == 255 ? c.err + kUsage
+                                           : " E Failed to open or parse config file '" + args[1] +
+                                                 "'" + c.err + "\n";
+        EXPECT_TRUE(c.status == 0 || r.err.ends_with(want)) << r.err;
     }
 }
 
@@ -112,7 +97,7 @@ TEST(Frame, OutOfMemoryEndsThroughTheRuntimesReport)
 #else
     if (tarn_test::run({"strace", "-qq", "-o", "/dev/null", "true"}).status != 0)
         GTEST_SKIP() << "strace is missing or may not trace here";
-    Sandbox sb;
+    tarn_test::Sandbox sb;
     std::string conf = sb.write_config("tarn.config", {{"root_dir", sb.dir()}});
     bool stack_failed = false;
     // The n-th mmap of each thread fails: sooner or later the coroutine's

@@ -12,9 +12,8 @@ fail() { echo "FAIL: $*" >&2; exit 1; }
 timeout 60 "$src/scripts/sandbox" start "$work/sb" >"$work/out" || fail "start: $(cat "$work/out")"
 # The printed command lines, as pasted after the printed set-up line.
 . "$work/sb/env"
-pasted() { grep -F -- "$1" "$work/out" | head -n 1 | sed 's/^ *//'; }
 for want in "--pull-account bob" "--enable /alice" "--check-consistency /alice"; do
-    line=$(pasted "$want")
+    line=$(grep -F -- "$want" "$work/out" | head -n 1 | sed 's/^ *//')
     [ -n "$line" ] || fail "no printed command with $want"
     eval "timeout 60 $line" >"$work/cmd.log" 2>&1 || fail "$line: $(cat "$work/cmd.log")"
 done
@@ -23,7 +22,6 @@ timeout 30 "$src/scripts/sandbox" status "$work/sb" >"$work/status" || fail "sta
 grep -q "^  /alice/docs/notes.txt *1 *1 *dc-b$" "$work/status" || fail "status: $(cat "$work/status")"
 pid=$(cat "$work/sb/site-a.pid")
 "$src/scripts/sandbox" stop "$work/sb" >/dev/null
-i=0
-while kill -0 "$pid" 2>/dev/null && [ $i -lt 50 ]; do sleep 0.1; i=$((i + 1)); done
-kill -0 "$pid" 2>/dev/null && fail "site A's simulator still runs after stop"
+timeout 5 sh -c "while kill -0 $pid 2>/dev/null; do sleep 0.1; done" ||
+    fail "site A's simulator still runs 5 s after stop"
 echo "sandbox: started, two printed commands ran, status shown, stopped"
