@@ -10,23 +10,8 @@
 namespace
 {
 
-const char kUsage[] =
-    "TARN control tool.\n"
-    "SYNOPSIS: quillon-tarn-ctl <common options> command <command options>\n"
-    "\n"
-    "Common options:\n"
-    "  -c, --config <file>         read TARN configuration from <file>\n"
-    "  -d, --log-level <level>     set the logging verbosity level\n"
-    "  -h, --help                  show this message\n"
-    "\n"
-    "Commands:\n"
-    "  init-dirs encoding=M+N/X    initialise an empty hierarchy of directories for TARN\n"
-    "  upgrade-dirs                create missing directories after TARN update\n"
-    "  set-attr encoding=M+N/X     change storage parameters of TARN files\n"
-    "  pull                        pull accounts from another DC\n"
-    "  nfs                         mount/unmount NFS volume\n"
-    "  replication                 replication of files to another DC\n"
-    "  enable-logmanager           edit config files for logmanager\n";
+// The texts themselves are compared in tests/usage.
+const std::string kUsage = tarn_test::read_file(TARN_USAGE_DIR "/frame.txt");
 
 // A command line ("@CONF": a valid configuration, "@FIFO", "@BIG", "@BAD":
 // refused ones) and its outcome: standard error ends in `err` followed by

@@ -12,13 +12,7 @@
 namespace
 {
 
-const char kUsage[] = "Mount/umount NFS volume.\n"
-                      "Options:\n"
-                      "      --df                    report NFS volume space usage\n"
-                      "      --mount                 mount NFS volume\n"
-                      "      --umount                unmount NFS volume\n"
-                      "Other options:\n"
-                      "  -h, --help                  print this message\n";
+const std::string kUsage = tarn_test::read_file(TARN_USAGE_DIR "/nfs.txt");
 
 // In the texts below "@M" stands for the mount point, "@O" for the fixed
 // mount options and "@R" for the root.

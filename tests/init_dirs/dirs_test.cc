@@ -87,14 +87,6 @@ TEST(EncodingString, RefusesNegativeAndOutOfRangeNumbers)
     }
 }
 
-const char kInitUsage[] = "Create and prepare directories for use by TARN.\n"
-                          "SYNOPSIS: init-dirs encoding=M+N[/X] [ATTR=A]...\n"
-                          "See `quillon` for possible ATTR values.\n";
-const char kSetUsage[] = "Change storage format of backup archives.\n"
-                         "SYNOPSIS: set-attr [encoding=M+N[/X]] [ATTR=A]...\n"
-                         "See `quillon` for possible ATTR values.\n";
-const char kUpgradeUsage[] = "Create and prepare missing directories after TARN update.\n"
-                             "SYNOPSIS: upgrade-dirs\n";
 const std::string kQuery =
     "quillon -A -q get-attr '@' | /bin/grep -E '(encoding|chunk-size|failure-domain|tier)='";
 
@@ -130,9 +122,6 @@ const std::string kNfsOptions =
 const TreeCase kTrees[] = {
     // The argument grammar: refusals by their message (before any call),
     // accepted command lines by what is set on the root, in order.
-    {"init_usage", "", "init-dirs", 255, kInitUsage},
-    {"set_usage", "", "set-attr", 255, kSetUsage},
-    {"upgrade_usage", "", "upgrade-dirs x", 255, kUpgradeUsage},
     {"init_user_attrs_before_defaults", "type s3",
      "init-dirs encoding=5+2 tier=1 failure-domain=disk", 0,
      "root encoding=5+2,tier=1,failure-domain=disk,chunk-size=2147483648"},
