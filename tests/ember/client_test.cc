@@ -11,10 +11,11 @@
 #include <arpa/inet.h>
 #include <boost/json.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <optional>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -186,36 +187,10 @@ TEST(EmberDir, WalksAndReadsPages)
     }
 }
 
-enum class Peer { sim, refusing, silent, full };
 enum class Call { get, set, open, flag }; // all but get go on a kept-alive connection
 // The request a row's fault applies to, by call: for flag, the state call before it.
 const char *const kFaultOn[] = {p::op_secret_get, p::op_secret_set, p::op_file_open,
                                 p::op_file_state};
-
-// A loopback socket that never accepts and never speaks: bound only, so
-// that connections are refused; listening; or listening with its accept
-// queue filled first, so that a further connect never completes.
-struct SilentPeer {
-    int fds[3] = {socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), -1, -1};
-    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-
-    explicit SilentPeer(Peer kind)
-    {
-        socklen_t len = sizeof a;
-        EXPECT_EQ(bind(fds[0], reinterpret_cast<sockaddr *>(&a), len), 0);
-        getsockname(fds[0], reinterpret_cast<sockaddr *>(&a), &len);
-        EXPECT_EQ(kind == Peer::refusing ? 0 : listen(fds[0], 0), 0);
-        for (int i = 1; kind == Peer::full && i < 3; ++i) {
-            fds[i] = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            (void)connect(fds[i], reinterpret_cast<sockaddr *>(&a), len);
-        }
-    }
-    ~SilentPeer()
-    {
-        for (int fd : fds)
-            close(fd);
-    }
-};
 
 struct Row {
     const char *what;
@@ -223,7 +198,8 @@ struct Row {
     const char *fault = nullptr; // on the simulator, `times` times; then the handle works again
     int times = 1;
     Call call = Call::get;
-    Peer peer = Peer::sim;
+    int signal = 0;    // sent to the simulator first: stopped, it answers nothing
+    bool full = false; // its accept queue filled first, so that a connect never completes
     const char *host = "127.0.0.1", *cert = "server"; // the simulator's, on IPv6 for "[::1]"
     const char *pem = "site-ec.pem"; // the client's: null for none, "token" for a JWT
     int protos = 0;
@@ -242,8 +218,12 @@ const std::string kLongName = std::string(64, 'a') + ".invalid";
 TEST(EmberTransport, CallsEndWithTheirCause)
 {
     const Row rows[] = {
-        {.what = "connect past the deadline", .rc = -ETIMEDOUT, .peer = Peer::full, .ms = 300},
-        {.what = "handshake past the deadline", .rc = -ETIMEDOUT, .peer = Peer::silent, .ms = 300},
+        {.what = "connect past the deadline",
+         .rc = -ETIMEDOUT,
+         .signal = SIGSTOP,
+         .full = true,
+         .ms = 300},
+        {.what = "handshake past the deadline", .rc = -ETIMEDOUT, .signal = SIGSTOP, .ms = 300},
         {.what = "answer past the deadline", .rc = -ETIMEDOUT, .fault = kDelay, .ms = 300},
         {.what = "cancelled while waiting", .rc = -ECANCELED, .fault = kDelay, .cancel = true},
         {.what = "not JSON", .rc = -MOX_EPROTO, .fault = R"("body":"<html>")"},
@@ -254,7 +234,7 @@ TEST(EmberTransport, CallsEndWithTheirCause)
         {.what = "set lost", .rc = 0, .fault = kCut, .call = Call::set},
         {.what = "set lost twice", .rc = -ECONNRESET, .fault = kCut, .times = 2, .call = Call::set},
         {.what = "closed while idle", .rc = 0, .fault = kClose, .call = Call::flag},
-        {.what = "nothing listens", .rc = -ECONNREFUSED, .peer = Peer::refusing},
+        {.what = "nothing listens", .rc = -ECONNREFUSED, .signal = SIGKILL},
         {.what = "IPv6 loopback", .rc = -MOX_ENOENT, .host = "[::1]", .cert = "server-names"},
         {.what = "host name", .rc = -MOX_ENOENT, .host = "localhost", .cert = "server-names"},
         {.what = "host name not in the certificate", .rc = -MOX_EAUTH, .host = "localhost"},
@@ -269,21 +249,25 @@ TEST(EmberTransport, CallsEndWithTheirCause)
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.what);
-        std::optional<Sim> sim;
-        std::optional<SilentPeer> silent;
-        if (r.peer == Peer::sim) {
-            const char *listen = r.host[0] == '[' ? "[::1]:0" : "127.0.0.1:0";
-            sim.emplace("dc-a", std::vector<std::string>{"--listen", listen}, r.cert);
-            sim->mkdir("/acc");
-            sim->write("/acc/f");
-            if (r.fault)
-                sim->fault(std::string(R"({"op":")") + kFaultOn[static_cast<int>(r.call)] + "\"," +
-                           r.fault + R"(,"count":)" + std::to_string(r.times) + "}");
-        } else {
-            silent.emplace(r.peer);
+        const char *listen = r.host[0] == '[' ? "[::1]:0" : "127.0.0.1:0";
+        Sim sim("dc-a", {"--listen", listen}, r.cert);
+        sim.mkdir("/acc");
+        sim.write("/acc/f");
+        if (r.fault)
+            sim.fault(std::string(R"({"op":")") + kFaultOn[static_cast<int>(r.call)] + "\"," +
+                      r.fault + R"(,"count":)" + std::to_string(r.times) + "}");
+        if (r.signal) {
+            kill(sim.pid(), r.signal);
+            waitpid(sim.pid(), nullptr, WUNTRACED);
         }
-        std::string pem = r.pem ? r.pem : "", addr = r.host;
-        addr += ":" + std::to_string(sim ? sim->port() : ntohs(silent->a.sin_port));
+        std::vector<int> fillers;
+        sockaddr_in sa{
+            AF_INET, htons(static_cast<uint16_t>(sim.port())), {htonl(INADDR_LOOPBACK)}, {}};
+        for (int i = 0; r.full && i < 200; i++) { // its queue holds 128
+            fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+            (void)connect(fillers.back(), reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+        }
+        std::string pem = r.pem ? r.pem : "", addr = r.host + (":" + std::to_string(sim.port()));
         run_in_coroutine([&] {
             ember_client *c = pem == "token" ? jwt_client(addr, "site-rsa.pem", 15)
                               : r.pem        ? cert_client(addr, pem)
@@ -330,6 +314,8 @@ TEST(EmberTransport, CallsEndWithTheirCause)
             }
             ember_client_put(c);
         });
+        for (int fd : fillers)
+            close(fd);
     }
 }
 
