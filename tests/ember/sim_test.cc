@@ -43,12 +43,7 @@ struct Conn {
                               SSL_use_PrivateKey_file(ssl, file.c_str(), SSL_FILETYPE_PEM) == 1)) &&
             (!pem || SSL_connect(ssl) == 1);
     }
-    ~Conn()
-    {
-        SSL_free(ssl);
-        SSL_CTX_free(ctx);
-        close(fd);
-    }
+    ~Conn() { SSL_free(ssl), SSL_CTX_free(ctx), close(fd); }
     // Sends `send`, then reads up to the end of an answer's head: the text,
     // short on a failure.
     std::string head(const std::string &send)
@@ -113,9 +108,7 @@ TEST(SimHardening, Table)
     for (int i = 0; i < 66; i++) // listings 1 to 66: the 65th and 66th make room
         ASSERT_EQ(Conn(sim.port(), "web-ec.pem").head(list).substr(0, 12), "HTTP/1.1 200");
     sim.fault(R"({"op":"/v1/dir/stat","error":9,"count":1})");
-    auto stat = [](const std::string &auth) {
-        return post(p::op_dir_stat, R"({"path":"/acc"})", auth);
-    };
+    auto stat = [](auto auth) { return post(p::op_dir_stat, R"({"path":"/acc"})", auth); };
     const char *root = R"({"path":"/","mask":7})";
     const char *crit = R"({"alg":"RS256","typ":"JWT","crit":[]})";
     const std::string nbf = R"(,"nbf":)" + std::to_string(time(nullptr) + 60);
@@ -133,7 +126,7 @@ TEST(SimHardening, Table)
         {"a mask beyond 32 bits", stat(bearer(R"({"path":"/","mask":4294967303})")), 401, ""},
         {"a token not valid yet", stat(bearer(root, nbf)), 401, ""},
         {"a crit header", stat(bearer(root, "", crit)), 401, ""},
-        {"a secret not text", post(p::op_secret_set, R"({"account":"acc","kind":1,"secret":7})"),
+        {"secret not text", post(p::op_secret_set, R"({"account":"acc","kind":1,"secret":7})"),
          400},
         {"account ..", post(p::op_secret_get, R"({"account":"..","kind":1})"), 400},
         {"account .",
