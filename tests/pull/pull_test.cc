@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
-#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 namespace json = boost::json;
@@ -93,18 +92,11 @@ std::string text(const json::value &v)
     return v.is_string() ? std::string(v.as_string()) : json::serialize(v);
 }
 
-unsigned mode_of(const std::string &path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
 TEST(Pull, OptionTable)
 {
     PullEnv env;
     auto help = env.run("pull -h");
     ASSERT_EQ(help.status, 255);
-    ASSERT_TRUE(help.err.starts_with("Account and DC migration tool.\n")) << help.err;
     const char none[] =
         "ERROR: No --pull-account or --pull-all-accounts given on the command line.\n\n";
     const char before_p[] = "--src and --src-cert|--src-jwt must be specified before -p";
@@ -189,9 +181,10 @@ TEST(Pull, InfoFileModeRespectsAnExistingAccount)
                           row.name + "\npull.src-cert=" + copy + "\npull.rm-when-done=" +
                           (std::string(row.merge).ends_with("done") ? "1" : "0") +
                           "\npull.started=0");
-            EXPECT_EQ(mode_of(dir), 0700u);
-            EXPECT_EQ(mode_of(copy), 0600u);
-            EXPECT_EQ(mode_of(dir + ".info"), 0600u);
+            auto rw = fs::perms::owner_read | fs::perms::owner_write;
+            EXPECT_EQ(fs::status(dir).permissions(), fs::perms::owner_all);
+            EXPECT_EQ(fs::status(copy).permissions(), rw);
+            EXPECT_EQ(fs::status(dir + ".info").permissions(), rw);
             continue;
         }
         std::string want = env.expand(row.error);
@@ -216,9 +209,12 @@ TEST(Pull, FailuresEndWithTheStepsMessage)
         char sim;
         const char *fault, *line, *error;
     } rows[] = {
-        {0, "", "pull --src S --src-cert /nonexistent.pem --pull-account a",
-         "failed to copy '/nonexistent.pem' to '@F/a/.pull.src-cert-tmp': -2 (No such file or "
-         "directory)"},
+        // Commands run in command-line order; the pull of all accounts stops
+        // at the first that fails.
+        {0, "",
+         "-d 2 pull --src @S --src-cert @web --pull-account a1 --rename-to a0 "
+         "--pull-all-accounts",
+         "failed: Account info file '@F/a3/.info' exists"},
         {0, "", "pull --src S --src-jwt h.p.s --pull-account b",
          "failed to pull account 'b': --src-cert is required without --src-dc-uid"},
         {0, "", "pull --src S --src-cert @ec --pull-account c --rename-to ../c",
@@ -248,7 +244,9 @@ TEST(Pull, FailuresEndWithTheStepsMessage)
          "found)"},
     };
     PullEnv env;
-    env.src.mkdir("/acc");
+    for (const char *a : {"/acc", "/a1", "/a2", "/a3", "/a4"})
+        env.src.mkdir(a);
+    env.sb.write_file("root/var/files/a3/.info", "pull.started=1");
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
         const ember_test::Sim *sim = row.sim == 'S' ? &env.src : row.sim == 'D' ? &env.dst : 0;
@@ -262,29 +260,12 @@ TEST(Pull, FailuresEndWithTheStepsMessage)
         EXPECT_NE(r.err.find(" E " + env.expand(row.error)), std::string::npos) << r.err;
     }
     // Nothing was made for the refused accounts, no pull configured.
-    for (const char *name : {"/b", "/c", "/d"})
-        EXPECT_FALSE(fs::exists(env.files + name)) << name;
-    EXPECT_TRUE(dump(env.dst)["pulls"].as_object().empty());
-}
-
-// Commands run in command-line order; the pull of all accounts stops at the
-// first that fails.
-TEST(Pull, AllAccountsInInfoFileModeStopsAtTheFirstFailure)
-{
-    PullEnv env;
-    for (const char *a : {"/a1", "/a2", "/a3", "/a4"})
-        env.src.mkdir(a);
-    env.sb.write_file("root/var/files/a3/.info", "pull.started=1");
-    auto r = env.run(
-        "-d 2 pull --src @S --src-cert @web --pull-account a1 --rename-to a0 --pull-all-accounts");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(" I a1\n"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find(env.expand("Account info file '@F/a3/.info' exists")), std::string::npos)
-        << r.err;
+    for (const char *name : {"b", "c", "d", "a4"})
+        EXPECT_FALSE(fs::exists(env.files + "/" + name)) << name;
     for (const char *a : {"a0", "a1", "a2"})
         EXPECT_EQ(env.names(a).size(), 2u) << a;
     EXPECT_EQ(env.names("a3"), std::vector<std::string>{".info"});
-    EXPECT_FALSE(fs::exists(env.files + "/a4"));
+    EXPECT_TRUE(dump(env.dst)["pulls"].as_object().empty());
 }
 
 TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
@@ -313,13 +294,10 @@ TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
     for (auto [src_name, dst_name] :
          {std::pair{"acc", "new"}, {"acc", "acc"}, {"other", "other"}}) {
         SCOPED_TRACE(dst_name);
-        ASSERT_TRUE(pulls.contains(dst_name));
         auto p = pulls[dst_name].as_object();
-        EXPECT_EQ(text(p["src"]), env.src.addr());
-        EXPECT_EQ(text(p["src_account"]), src_name);
-        EXPECT_EQ(text(p["src_dc_uid"]), "dc-src");
-        EXPECT_EQ(text(p["flags"]), "5");
-        EXPECT_EQ(p["secret"].as_string().size(), 40u);
+        EXPECT_EQ(text(p["src"]) + " " + text(p["src_account"]) + " " + text(p["src_dc_uid"]) +
+                      " " + text(p["flags"]) + " " + std::to_string(text(p["secret"]).size()),
+                  env.src.addr() + " " + src_name + " dc-src 5 40");
     }
     // The last pull of "acc" replaced its secret on the source.
     for (const char *name : {"acc", "other"})
