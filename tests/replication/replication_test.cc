@@ -112,9 +112,7 @@ TEST(Replication, OptionTable)
     }
 }
 
-// Account paths are judged by the option table; these names reach no
-// listing of the end-to-end rows.
-TEST(Replication, TemporaryFiles)
+TEST(Replication, TemporaryFilesAndAccountPaths)
 {
     const std::pair<const char *, int> temp[] = {
         {"/acc/.tmp.1234.xml", 1}, {".tmp.xml", 1},       {"/acc/a.xml", 0},
@@ -123,6 +121,10 @@ TEST(Replication, TemporaryFiles)
         {"/acc/.tmp", 0}};
     for (const auto &[path, want] : temp)
         EXPECT_EQ(fes_file_is_temp(path), want) << path;
+    const std::pair<const char *, int> top[] = {{"/acc", 1},  {"/", 1},        {"acc", 0},
+                                                {"/acc/", 0}, {"/acc/sub", 0}, {"", 0}};
+    for (const auto &[path, want] : top)
+        EXPECT_EQ(is_toplevel_dir(path), want) << path;
 }
 
 // "--auto" writes the automatic replication file under the configured root.
