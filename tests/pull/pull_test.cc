@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
-#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 namespace json = boost::json;
@@ -43,13 +42,14 @@ struct PullEnv {
         sb.write_config("tarn.config", pairs);
     }
     // `text` with @S and @D (the simulators' addresses), @F (the account
-    // tree), @web, @rsa and @ec (certificates with the web client usage, or
-    // without, of RSA and EC keys) replaced.
+    // tree), @A (the directory of the account "acc"), @web, @rsa and @ec (certificates with the web
+    // client usage, or without, of RSA and EC keys) replaced.
     std::string expand(std::string text) const
     {
         const std::pair<std::string, std::string> marks[] = {{"@S", src.addr()},
                                                              {"@D", dst.addr()},
                                                              {"@F", files},
+                                                             {"@A", files + "/acc/"},
                                                              {"@web", pki_file("web-ec.pem")},
                                                              {"@rsa", pki_file("site-rsa.pem")},
                                                              {"@ec", pki_file("site-ec.pem")}};
@@ -58,11 +58,12 @@ struct PullEnv {
                 text.replace(at, mark.size(), value);
         return text;
     }
-    // Runs "quillon-tarn-ctl -c CONFIG WORDS..." with the words of `line`
-    // expanded.
-    tarn_test::RunResult run(const std::string &line, int timeout_ms = 60000) const
+    // Runs "[ARGV...] quillon-tarn-ctl -c CONFIG WORDS..." with the words of
+    // `line` expanded.
+    tarn_test::RunResult run(const std::string &line, int timeout_ms = 60000,
+                             std::vector<std::string> argv = {}) const
     {
-        std::vector<std::string> argv = {tarn_test::tool_path(), "-c", config};
+        argv.insert(argv.end(), {tarn_test::tool_path(), "-c", config});
         std::istringstream in(line);
         for (std::string w; in >> w;)
             argv.push_back(expand(w));
@@ -93,18 +94,11 @@ std::string text(const json::value &v)
     return v.is_string() ? std::string(v.as_string()) : json::serialize(v);
 }
 
-unsigned mode_of(const std::string &path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
 TEST(Pull, OptionTable)
 {
     PullEnv env;
     auto help = env.run("pull -h");
     ASSERT_EQ(help.status, 255);
-    ASSERT_TRUE(help.err.starts_with("Account and DC migration tool.\n")) << help.err;
     const char none[] =
         "ERROR: No --pull-account or --pull-all-accounts given on the command line.\n\n";
     const char before_p[] = "--src and --src-cert|--src-jwt must be specified before -p";
@@ -138,69 +132,83 @@ TEST(Pull, OptionTable)
     }
 }
 
+// Pulls "acc" in info-file mode from a directory in some earlier state
+// (`info` as its ".info", an empty `leftover` of an interrupted run), the
+// tool run behind `prefix`, and checks the outcome: the fatal message `error`
+// (expanded), or null for success. Under its final name a file is complete:
+// a failed run leaves ".info" as it was and every certificate copy whole; a
+// failed copy leaves no temporary file behind.
+void pull_acc(const PullEnv &env, const char *info, const char *leftover, const std::string &args,
+              const std::vector<std::string> &prefix, const char *error)
+{
+    std::string dir = env.expand("@A"), cert = read_file(pki_file("site-ec.pem"));
+    fs::remove_all(dir);
+    if (info || leftover)
+        env.sb.mkdir("root/var/files/acc");
+    if (info)
+        env.sb.write_file("root/var/files/acc/.info", info);
+    if (leftover)
+        env.sb.write_file(std::string("root/var/files/acc/") + leftover, "");
+    std::string info_before = read_file(dir + ".info");
+    auto r = env.run("pull --src S --cert @ec --pull-account acc" + args, 60000, prefix);
+    auto names = env.names("acc");
+    if (!error) {
+        // A fresh ".info" naming an exact copy of the certificate.
+        ASSERT_EQ(names.size(), 2u) << r.err;
+        std::string copy = dir + names[1];
+        EXPECT_EQ(read_file(copy), cert);
+        EXPECT_EQ(
+            read_file(dir + ".info"),
+            ".type=tarn.acc-data.0\npull.src-host=S\npull.src-account=acc\npull.src-cert=" + copy +
+                "\npull.rm-when-done=" + (args.ends_with("done") ? "1" : "0") + "\npull.started=0");
+        auto rw = fs::perms::owner_read | fs::perms::owner_write;
+        EXPECT_EQ(fs::status(dir).permissions(), fs::perms::owner_all);
+        EXPECT_EQ(fs::status(copy).permissions(), rw);
+        EXPECT_EQ(fs::status(dir + ".info").permissions(), rw);
+        return;
+    }
+    std::string message = env.expand(error);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find(" E " + message), std::string::npos) << r.err;
+    EXPECT_EQ(read_file(dir + ".info"), info_before);
+    for (const auto &name : names) {
+        if (name.starts_with(".pull.src-cert."))
+            EXPECT_EQ(read_file(dir + name), cert) << "partial copy " << name;
+        else
+            EXPECT_TRUE(name == ".info" || name == ".info-tmp" || (leftover && name == leftover) ||
+                        (name == ".pull.src-cert-tmp" && !message.starts_with("failed to copy")))
+                << "stray " << name;
+    }
+}
+
 TEST(Pull, InfoFileModeRespectsAnExistingAccount)
 {
-    // An account directory in some earlier state (an ".info", or a temporary
-    // file of an interrupted run), and the fatal message that follows (@A is
-    // the account directory), or null for success.
     const struct {
-        const char *name, *info, *leftover, *merge, *error;
+        const char *info, *leftover, *args, *error;
     } rows[] = {
-        {"no-info", nullptr, nullptr, " --rm-when-done", nullptr},
-        {"exists", "pull.started=1", nullptr, "",
+        {nullptr, nullptr, " --rm-when-done", nullptr},
+        {"pull.started=1", nullptr, "",
          "failed: Account info file '@A.info' exists. Maybe you forgot to pass "
-         "'--merge-replace' option"},
-        {"not-started", ".type=tarn.acc-data.0\npull.started=0", nullptr, " --merge-replace",
+         "'--merge-replace' option\n"},
+        {".type=tarn.acc-data.0\npull.started=0", nullptr, " --merge-replace",
          "Previously configured pull is not started yet. Maybe you need to start it manually. "
-         "Account info file: '@A.info'"},
-        {"started", ".type=tarn.acc-data.0\npull.started=1", nullptr, " --merge-replace", nullptr},
-        {"no-started-key", ".type=tarn.acc-data.0\n", nullptr, " --merge-replace", nullptr},
-        {"other-type", ".type=tarn.other\npull.started=1", nullptr, " --merge-replace",
-         "failed: unsupported '.type=tarn.other' in '@A.info'"},
-        {"no-type", "pull.started=1", nullptr, " --merge-replace",
-         "failed to get '.type' from '@A.info'"},
-        {"not-config", "what is this", nullptr, " --merge-replace",
-         "failed to read config from '@A.info'"},
-        {"bad-started", ".type=tarn.acc-data.0\npull.started=yes", nullptr, " --merge-replace",
-         "failed to get 'pull.started' from '@A.info': -30 (invalid argument)"},
-        {"info-tmp", nullptr, ".info-tmp", "", "failed to open '@A.info-tmp': -17 (File exists)"},
-        {"cert-tmp", nullptr, ".pull.src-cert-tmp", "",
-         "failed to copy '@ec' to '@A.pull.src-cert-tmp': -17 (File exists)"},
+         "Account info file: '@A.info'\n"},
+        {".type=tarn.acc-data.0\npull.started=1", nullptr, " --merge-replace", nullptr},
+        {".type=tarn.acc-data.0\n", nullptr, " --merge-replace", nullptr},
+        {".type=tarn.other\npull.started=1", nullptr, " --merge-replace",
+         "failed: unsupported '.type=tarn.other' in '@A.info'\n"},
+        {"pull.started=1", nullptr, " --merge-replace", "failed to get '.type' from '@A.info'\n"},
+        {"what is this", nullptr, " --merge-replace", "failed to read config from '@A.info'\n"},
+        {".type=tarn.acc-data.0\npull.started=yes", nullptr, " --merge-replace",
+         "failed to get 'pull.started' from '@A.info': -30 (invalid argument)\n"},
+        {nullptr, ".info-tmp", "", "failed to open '@A.info-tmp': -17 (File exists)\n"},
+        {nullptr, ".pull.src-cert-tmp", "",
+         "failed to copy '@ec' to '@A.pull.src-cert-tmp': -17 (File exists)\n"},
     };
     PullEnv env;
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        std::string dir = env.sb.mkdir(std::string("root/var/files/") + row.name) + "/";
-        if (row.info)
-            env.sb.write_file(std::string("root/var/files/") + row.name + "/.info", row.info);
-        if (row.leftover)
-            env.sb.write_file(std::string("root/var/files/") + row.name + "/" + row.leftover, "");
-        std::string info_before = read_file(dir + ".info");
-        auto r =
-            env.run(std::string("pull --src S --cert @ec --pull-account ") + row.name + row.merge);
-        if (!row.error) {
-            // A fresh ".info" naming an exact copy of the certificate.
-            auto names = env.names(row.name);
-            ASSERT_EQ(names.size(), 2u) << r.err;
-            std::string copy = dir + names[1];
-            EXPECT_EQ(read_file(copy), read_file(pki_file("site-ec.pem")));
-            EXPECT_EQ(read_file(dir + ".info"),
-                      std::string(".type=tarn.acc-data.0\npull.src-host=S\npull.src-account=") +
-                          row.name + "\npull.src-cert=" + copy + "\npull.rm-when-done=" +
-                          (std::string(row.merge).ends_with("done") ? "1" : "0") +
-                          "\npull.started=0");
-            EXPECT_EQ(mode_of(dir), 0700u);
-            EXPECT_EQ(mode_of(copy), 0600u);
-            EXPECT_EQ(mode_of(dir + ".info"), 0600u);
-            continue;
-        }
-        std::string want = env.expand(row.error);
-        want.replace(want.find("@A"), 2, dir);
-        EXPECT_EQ(r.status, 1);
-        EXPECT_NE(r.err.find(" E " + want + "\n"), std::string::npos) << r.err;
-        EXPECT_EQ(read_file(dir + ".info"), info_before);
-        for (const auto &f : env.names(row.name))
-            EXPECT_TRUE(f == ".info" || f.starts_with(".pull.src-cert.") || f == row.leftover) << f;
+        SCOPED_TRACE(std::string(row.info ? row.info : "") + row.args);
+        pull_acc(env, row.info, row.leftover, row.args, {}, row.error);
     }
 }
 
@@ -216,9 +224,12 @@ TEST(Pull, FailuresEndWithTheStepsMessage)
         char sim;
         const char *fault, *line, *error;
     } rows[] = {
-        {0, "", "pull --src S --src-cert /nonexistent.pem --pull-account a",
-         "failed to copy '/nonexistent.pem' to '@F/a/.pull.src-cert-tmp': -2 (No such file or "
-         "directory)"},
+        // Commands run in command-line order; the pull of all accounts stops
+        // at the first that fails.
+        {0, "",
+         "-d 2 pull --src @S --src-cert @web --pull-account a1 --rename-to a0 "
+         "--pull-all-accounts",
+         "failed: Account info file '@F/a3/.info' exists"},
         {0, "", "pull --src S --src-jwt h.p.s --pull-account b",
          "failed to pull account 'b': --src-cert is required without --src-dc-uid"},
         {0, "", "pull --src S --src-cert @ec --pull-account c --rename-to ../c",
@@ -248,7 +259,9 @@ TEST(Pull, FailuresEndWithTheStepsMessage)
          "found)"},
     };
     PullEnv env;
-    env.src.mkdir("/acc");
+    for (const char *a : {"/acc", "/a1", "/a2", "/a3", "/a4"})
+        env.src.mkdir(a);
+    env.sb.write_file("root/var/files/a3/.info", "pull.started=1");
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
         const ember_test::Sim *sim = row.sim == 'S' ? &env.src : row.sim == 'D' ? &env.dst : 0;
@@ -262,29 +275,12 @@ TEST(Pull, FailuresEndWithTheStepsMessage)
         EXPECT_NE(r.err.find(" E " + env.expand(row.error)), std::string::npos) << r.err;
     }
     // Nothing was made for the refused accounts, no pull configured.
-    for (const char *name : {"/b", "/c", "/d"})
-        EXPECT_FALSE(fs::exists(env.files + name)) << name;
-    EXPECT_TRUE(dump(env.dst)["pulls"].as_object().empty());
-}
-
-// Commands run in command-line order; the pull of all accounts stops at the
-// first that fails.
-TEST(Pull, AllAccountsInInfoFileModeStopsAtTheFirstFailure)
-{
-    PullEnv env;
-    for (const char *a : {"/a1", "/a2", "/a3", "/a4"})
-        env.src.mkdir(a);
-    env.sb.write_file("root/var/files/a3/.info", "pull.started=1");
-    auto r = env.run(
-        "-d 2 pull --src @S --src-cert @web --pull-account a1 --rename-to a0 --pull-all-accounts");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(" I a1\n"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find(env.expand("Account info file '@F/a3/.info' exists")), std::string::npos)
-        << r.err;
+    for (const char *name : {"b", "c", "d", "a4"})
+        EXPECT_FALSE(fs::exists(env.files + "/" + name)) << name;
     for (const char *a : {"a0", "a1", "a2"})
         EXPECT_EQ(env.names(a).size(), 2u) << a;
     EXPECT_EQ(env.names("a3"), std::vector<std::string>{".info"});
-    EXPECT_FALSE(fs::exists(env.files + "/a4"));
+    EXPECT_TRUE(dump(env.dst)["pulls"].as_object().empty());
 }
 
 TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
@@ -313,13 +309,10 @@ TEST(Pull, TrustModeSharesOneSecretWithTheLocalGateway)
     for (auto [src_name, dst_name] :
          {std::pair{"acc", "new"}, {"acc", "acc"}, {"other", "other"}}) {
         SCOPED_TRACE(dst_name);
-        ASSERT_TRUE(pulls.contains(dst_name));
         auto p = pulls[dst_name].as_object();
-        EXPECT_EQ(text(p["src"]), env.src.addr());
-        EXPECT_EQ(text(p["src_account"]), src_name);
-        EXPECT_EQ(text(p["src_dc_uid"]), "dc-src");
-        EXPECT_EQ(text(p["flags"]), "5");
-        EXPECT_EQ(p["secret"].as_string().size(), 40u);
+        EXPECT_EQ(text(p["src"]) + " " + text(p["src_account"]) + " " + text(p["src_dc_uid"]) +
+                      " " + text(p["flags"]) + " " + std::to_string(text(p["secret"]).size()),
+                  env.src.addr() + " " + src_name + " dc-src 5 40");
     }
     // The last pull of "acc" replaced its secret on the source.
     for (const char *name : {"acc", "other"})
@@ -376,44 +369,17 @@ const struct {
     {"rename", "@A.info-tmp", "EIO", "failed to rename '@A.info-tmp' to '@A.info': -5"},
 };
 
-// Under its final name a file is complete: ".info" whole and naming a copy
-// that exists, every certificate copy byte for byte; a failed copy leaves no
-// temporary file behind.
 TEST(Pull, EveryStepFailsCleanlyAndSaysWhichStep)
 {
     if (tarn_test::run({"strace", "-qq", "-o", "/dev/null", "true"}).status != 0)
         GTEST_SKIP() << "strace is missing or may not trace here";
     PullEnv env;
-    auto at_account = [&](std::string text) {
-        for (size_t at; (at = text.find("@A")) != std::string::npos;)
-            text.replace(at, 2, env.files + "/acc/");
-        return env.expand(text);
-    };
     for (const auto &f : kStepFaults) {
-        fs::remove_all(env.files + "/acc");
-        std::string target = at_account(f.file), message = at_account(f.message);
-        SCOPED_TRACE(std::string(f.call) + " on " + target);
-        auto r = tarn_test::run({"strace", "-f", "-qq", "-o", "/dev/null", "-P", target, "-e",
-                                 std::string("inject=") + f.call + ":error=" + f.error + ":when=1",
-                                 tarn_test::tool_path(), "-c", env.config, "pull", "--src", "S",
-                                 "--src-cert", pki_file("site-ec.pem"), "--pull-account", "acc"});
-        EXPECT_EQ(r.status, 1) << r.err;
-        EXPECT_NE(r.err.find(" E " + message), std::string::npos) << r.err;
-        for (const auto &name : env.names("acc")) {
-            std::string text = read_file(env.files + "/acc/" + name);
-            if (name == ".info") {
-                size_t at = text.find("pull.src-cert=") + 14;
-                EXPECT_TRUE(text.ends_with("\npull.started=0") &&
-                            fs::exists(text.substr(at, text.find('\n', at) - at)))
-                    << "partial or dangling .info: " << text;
-            } else if (name.starts_with(".pull.src-cert.")) {
-                EXPECT_EQ(text, read_file(pki_file("site-ec.pem"))) << "partial copy " << name;
-            } else {
-                EXPECT_TRUE(name == ".info-tmp" || (name == ".pull.src-cert-tmp" &&
-                                                    !message.starts_with("failed to copy")))
-                    << "stray " << name;
-            }
-        }
+        SCOPED_TRACE(std::string(f.call) + " on " + f.file);
+        pull_acc(env, nullptr, nullptr, "",
+                 {"strace", "-f", "-qq", "-o", "/dev/null", "-P", env.expand(f.file), "-e",
+                  std::string("inject=") + f.call + ":error=" + f.error + ":when=1"},
+                 f.message);
     }
 }
 

@@ -125,21 +125,10 @@ void Sim::fault(const std::string &json) const
     ASSERT_EQ(post("/v1/test/fault", json), "{\"error\":0}");
 }
 
-namespace
-{
-
-ember_client *client(const std::string &addr)
+ember_client *cert_client(const std::string &addr, const std::string &pem)
 {
     ember_client *c = ember_client_alloc();
     EXPECT_EQ(ember_client_set_host(c, addr.c_str()), 0);
-    return c;
-}
-
-} // namespace
-
-ember_client *cert_client(const std::string &addr, const std::string &pem)
-{
-    ember_client *c = client(addr);
     EXPECT_EQ(ember_client_load_auth_from_pem_file(c, pki_file(pem).c_str()), 0);
     return c;
 }
@@ -154,7 +143,8 @@ ember_client *jwt_client(const std::string &addr, const std::string &pem, uint32
     char *jwt = ember_jwt_generate(&req);
     EVP_PKEY_free(key);
     EXPECT_NE(jwt, nullptr);
-    ember_client *c = client(addr);
+    ember_client *c = ember_client_alloc();
+    EXPECT_EQ(ember_client_set_host(c, addr.c_str()), 0);
     EXPECT_EQ(ember_client_set_jwt(c, jwt ? jwt : ""), 0);
     mox_free(jwt);
     return c;

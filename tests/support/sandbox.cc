@@ -19,16 +19,16 @@ std::string read_file(const std::string &path)
     return s.str();
 }
 
-std::string tool_path()
-{
-    return TARN_CTL_PATH;
-}
-
 RunResult run_tool(const std::vector<std::string> &args, const RunOptions &opts)
 {
     std::vector<std::string> argv{tool_path()};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv, opts);
+}
+
+std::string tool_path()
+{
+    return TARN_CTL_PATH;
 }
 
 Sandbox::Sandbox()
@@ -45,11 +45,6 @@ Sandbox::~Sandbox()
     fs::remove_all(dir_, ec);
 }
 
-std::string Sandbox::path(const std::string &rel) const
-{
-    return dir_ + "/" + rel;
-}
-
 std::string Sandbox::write_file(const std::string &rel, const std::string &content,
                                 unsigned mode) const
 {
@@ -58,11 +53,6 @@ std::string Sandbox::write_file(const std::string &rel, const std::string &conte
     std::ofstream(p, std::ios::binary | std::ios::trunc) << content;
     chmod(p.c_str(), mode);
     return p;
-}
-
-std::string Sandbox::read_file(const std::string &rel) const
-{
-    return tarn_test::read_file(path(rel));
 }
 
 bool Sandbox::exists(const std::string &rel) const

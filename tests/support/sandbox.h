@@ -51,6 +51,9 @@ std::optional<std::string> namespace_unavailable_reason();
 // about to exec; false with `error` set when a step fails.
 bool enter_mount_namespace(const RunOptions &opts, std::string &error);
 
+// Reads a whole file; empty when missing.
+std::string read_file(const std::string &path);
+
 // A fresh directory under $TMPDIR (or /tmp), removed with all it holds.
 class Sandbox
 {
@@ -61,11 +64,11 @@ class Sandbox
     Sandbox &operator=(const Sandbox &) = delete;
 
     const std::string &dir() const { return dir_; }
-    std::string path(const std::string &rel) const; // dir()/rel
+    std::string path(const std::string &rel) const { return dir_ + "/" + rel; }
     // Writes a file (parents created), mode applied exactly.
     std::string write_file(const std::string &rel, const std::string &content,
                            unsigned mode = 0600) const;
-    std::string read_file(const std::string &rel) const;
+    std::string read_file(const std::string &rel) const { return tarn_test::read_file(path(rel)); }
     bool exists(const std::string &rel) const;
     std::string mkdir(const std::string &rel, unsigned mode = 0700) const;
     // Writes "key = value" lines in order; returns the file's path.
@@ -75,9 +78,6 @@ class Sandbox
   private:
     std::string dir_;
 };
-
-// Reads a whole file; empty when missing.
-std::string read_file(const std::string &path);
 
 } // namespace tarn_test
 
