@@ -54,6 +54,44 @@ TEST(Completion, PartialCommandLines)
     }
 }
 
+// The usage texts, kept beside this test: how each is shown, and what
+// precedes it.
+struct Row {
+    const char *text, *args, *before;
+};
+const Row kUsageRows[] = {
+    {"frame", "", "No command specified.\n"},
+    {"init-dirs", "init-dirs", ""},
+    {"set-attr", "set-attr", ""},
+    {"upgrade-dirs", "upgrade-dirs x", ""},
+    {"nfs", "nfs -h", ""},
+    {"pull", "pull -h", ""},
+    {"replication", "replication -h", ""},
+};
+
+std::string usage_text(const Row &row)
+{
+    return tarn_test::read_file(TARN_USAGE_DIR "/" + std::string(row.text) + ".txt");
+}
+
+// Every usage text byte for byte: administrators and their scripts read them.
+TEST(Usage, EveryTextByteForByte)
+{
+    tarn_test::Sandbox sb;
+    std::string config =
+        sb.write_config("tarn.config", {{"root_dir", sb.path("r")}, {"storage.type", "local"}});
+    for (const Row &row : kUsageRows) {
+        std::vector<std::string> argv = {"-c", config};
+        std::istringstream in(row.args);
+        for (std::string w; in >> w;)
+            argv.push_back(w);
+        auto r = tarn_test::run_tool(argv);
+        ASSERT_FALSE(usage_text(row).empty()) << row.text << ".txt is missing";
+        EXPECT_EQ(r.status, 255) << row.args;
+        EXPECT_EQ(r.err, row.before + usage_text(row)) << row.args;
+    }
+}
+
 // Every option that a usage text shows, and every command, is described;
 // mandoc finds nothing to complain of.
 TEST(ManPage, DescribesEveryOptionAndLintsClean)
@@ -71,28 +109,19 @@ TEST(ManPage, DescribesEveryOptionAndLintsClean)
     for (char c : shown.out)
         c == '\b' ? page.pop_back() : page.push_back(c);
 
-    tarn_test::Sandbox sb;
-    std::string conf =
-        sb.write_config("tarn.config", {{"root_dir", sb.dir()}, {"storage.type", "local"}});
     // Options anywhere; commands as rows of the frame's "Commands:".
     const std::regex word("(?:^|[\\s|,\\[(])(--?[A-Za-z][A-Za-z0-9-]*)|\n  ([a-z][a-z-]+) ");
     size_t options = 0;
-    for (std::string shown_by :
-         {"-h", "init-dirs", "set-attr", "upgrade-dirs x", "nfs -h", "pull -h", "replication -h"}) {
-        std::vector<std::string> args = {"-c", conf};
-        std::istringstream in(shown_by);
-        for (std::string w; in >> w;)
-            args.push_back(w);
-        auto r = tarn_test::run_tool(args);
-        ASSERT_EQ(r.status, 255) << shown_by << ": " << r.err;
-        for (std::sregex_iterator it(r.err.begin(), r.err.end(), word), end; it != end; ++it) {
+    for (const Row &row : kUsageRows) {
+        std::string shown_by = row.text, text = usage_text(row);
+        for (std::sregex_iterator it(text.begin(), text.end(), word), end; it != end; ++it) {
             std::string option = (*it)[1], command = (*it)[2];
             options += !option.empty();
             std::regex alone("(^|[^A-Za-z0-9-])" + option + "($|[^A-Za-z0-9-])");
-            bool described =
-                option.empty()
-                    ? shown_by != "-h" || page.find("\n   " + command + "\n") != std::string::npos
-                    : std::regex_search(page, alone);
+            bool described = option.empty()
+                                 ? shown_by != "frame" ||
+                                       page.find("\n   " + command + "\n") != std::string::npos
+                                 : std::regex_search(page, alone);
             EXPECT_TRUE(described) << "the manual page does not describe " << option << command
                                    << ", shown by " << shown_by;
         }
