@@ -204,9 +204,8 @@ TEST(Nfs, StatusMessageAndCalls)
         std::map<std::string, std::vector<std::string>> calls;
         std::string out;
         for (const std::string &e : split(s.expect, '|')) {
-            size_t blank = std::min(e.find(' '), e.size());
-            std::string word = e.substr(0, blank),
-                        rest = expand(e.substr(std::min(blank + 1, e.size())));
+            std::string word = e.substr(0, e.find(' ')),
+                        rest = expand(e.substr(std::min(word.size() + 1, e.size())));
             if (word[0] == '+' || word[0] == '-') {
                 EXPECT_EQ(sb.exists(e.substr(1)), word[0] == '+') << e;
             } else if (word == "table") {
