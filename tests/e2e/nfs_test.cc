@@ -52,9 +52,10 @@ const std::string kDefaults = "storage.type=nfs|root_dir=@R|storage.nfs.host=srv
 const std::string kMounted = "mount srv:/exp nfs4";
 const std::string kMountCall = "mount -t nfs4 -o @O,local_lock=none,proto=tcp srv:/exp @M";
 const std::string kArchiveCall = "bundlectl -f @M/test.kpax -C full -F";
-const std::string kMountedNfs4 = kMountCall + "|" + kArchiveCall +
-                                 "|table srv:/exp @M nfs4 rw,relatime,@O,local_lock=none,"
-                                 "proto=tcp 0 0|-r/storage/test.kpax";
+const std::string kMountedTable = kMountCall + "|" + kArchiveCall +
+                                  "|table srv:/exp @M nfs4 rw,relatime,@O,local_lock=none,"
+                                  "proto=tcp 0 0|";
+const std::string kMountedNfs4 = kMountedTable + "-r/storage/test.kpax";
 
 const Scenario kScenarios[] = {
     // cluster.enable picks the version: only "1", "y" and "yes" are true.
@@ -74,10 +75,7 @@ const Scenario kScenarios[] = {
      "mount -t nfs -o @O,local_lock=all,proto=tcp srv:/exp @M",
      "> \"/bin/mount -t nfs -o @O,local_lock=all,proto=tcp 'srv:/exp' '@M'\" exited with 32"},
     {"listed_twice", "--mount", kMounted + "|" + kMounted, 122, "", kOnce},
-    {"archive_fails", "--mount", "fail bundlectl 3", 122,
-     kMountCall + "|" + kArchiveCall +
-         "|+r/storage/test.kpax|table srv:/exp @M nfs4 "
-         "rw,relatime,@O,local_lock=none,proto=tcp 0 0",
+    {"archive_fails", "--mount", "fail bundlectl 3", 122, kMountedTable + "+r/storage/test.kpax",
      "> cannot create a test archive in \"$root_dir/storage\": \"TEST_ARCH='@M/test.kpax'; "
      "/bin/rm -f \"$TEST_ARCH\" && /usr/bin/bundlectl -f \"$TEST_ARCH\" -C full -F && /bin/rm -f "
      "\"$TEST_ARCH\"\" exited with error 3"},
@@ -85,16 +83,13 @@ const Scenario kScenarios[] = {
     {"umount", "--umount",
      "storage.nfs.host=<unset>|storage.nfs.export=<unset>|" + kMounted + "|mount srv:/exp nfs4 2",
      0, "umount @M|table srv:/exp @M2 nfs4 rw,relatime 0 0", ""},
-    {"umount_nothing_mounted", "--umount", "", 0, "table ", "<none>"},
-    {"umount_skips_alphabet", "--umount", "root_dir=@R/a b", 0, "", ""},
-    {"umount_then_leftover", "--umount extra", kMounted, 255, "umount @M|table ",
-     "Can't parse 'extra' as an argument.\n"},
+    {"umount_nothing_mounted_skips_alphabet", "--umount", "root_dir=@R/a b", 0, "", "<none>"},
     {"umount_fails", "--umount", kMounted + "|fail umount 32", 122, "umount @M",
      "> \"/bin/umount '@M'\" exited with 32"},
-    {"df", "--df", kMounted, 0, "df @M|out Filesystem", ""},
     {"df_fails", "--df", kMounted + "|fail df 1", 122, "df @M",
      "> \"/bin/df '@M'\" exited with error 1"},
-    {"expanded_root", "--df", "base=@R|root_dir=${base}|" + kMounted, 0, "df @M|out srv:/exp", ""},
+    {"df_expanded_root", "--df", "base=@R|root_dir=${base}|" + kMounted, 0, "df @M|out srv:/exp",
+     ""},
     {"empty_export", "--mount", "storage.nfs.export=", 0,
      "mount -t nfs4 -o @O,local_lock=none,proto=tcp srv: @M|" + kArchiveCall, ""},
     {"abbreviated_then_leftover", "--mo --df", "", 255, kMountCall + "|" + kArchiveCall,
@@ -104,8 +99,6 @@ const Scenario kScenarios[] = {
      kMismatch + "nfs4 ' >/dev/null\" exited with error 1"},
     {"params_v3_ext4", "--mount", "cluster.enable=no|mount srv:/exp ext4", 122, "",
      kMismatch + "\\(nfs\\|nfs4\\) ' >/dev/null\" exited with error 1"},
-    {"params_longer_export", "--mount", "mount srv:/exp2 nfs4", 122, "",
-     kMismatch + "nfs4 ' >/dev/null\" exited with error 1"},
     {"params_relative_export", "--mount", "storage.nfs.export=exp|" + kMounted, 0, kArchiveCall,
      ""},
     {"params_name_characters", "--mount",
@@ -142,18 +135,18 @@ const Scenario kScenarios[] = {
     // Option errors: nothing runs.
     {"no_option", "", "", 255, "", "Option is expected.\n"},
     {"unknown_option", "-x --mount", "", 255, "", "Unknown option '-x'.\n"},
-    {"option_with_value", "--mount=now", "", 255, "", "Unknown option '--mount=now'.\n"},
     {"help_first", "--he --mount", "", 255, "", ""},
 };
+
+const std::map<std::string, int> kSignals = {{"INT", SIGINT}, {"USR1", SIGUSR1}, {"QUIT", SIGQUIT}};
 
 std::vector<std::string> split(const std::string &s, char sep)
 {
     std::vector<std::string> out;
     std::istringstream in(s);
-    for (std::string item; std::getline(in, item, sep);) {
+    for (std::string item; std::getline(in, item, sep);)
         if (!item.empty())
             out.push_back(item);
-    }
     return out;
 }
 
@@ -167,11 +160,10 @@ TEST(Nfs, StatusMessageAndCalls)
         std::string root = sb.mkdir("r"), mnt = sb.mkdir("r/storage");
         auto expand = [&](std::string s) {
             for (auto [mark, value] :
-                 {std::pair<std::string, std::string>{"@M", mnt}, {"@O", kOptions}, {"@R", root}}) {
+                 {std::pair<std::string, std::string>{"@M", mnt}, {"@O", kOptions}, {"@R", root}})
                 for (size_t at = 0; (at = s.find(mark, at)) != std::string::npos;
                      at += value.size())
                     s.replace(at, mark.size(), value);
-            }
             return s;
         };
         auto options = sim.options();
@@ -182,8 +174,6 @@ TEST(Nfs, StatusMessageAndCalls)
             size_t eq = step.find('=');
             if (eq < w[0].size()) {
                 config[step.substr(0, eq)] = expand(step.substr(eq + 1));
-                if (config[step.substr(0, eq)] == "<unset>")
-                    config.erase(step.substr(0, eq));
             } else if (w[0] == "mount") {
                 sim.add_mount(w[1], mnt + (w.size() > 3 ? w[3] : ""), w[2]);
             } else if (w[0] == "file") {
@@ -194,16 +184,12 @@ TEST(Nfs, StatusMessageAndCalls)
                 sim.delay(w[1], "0.7");
                 options.signal_file = sim.state_dir() + "/" + w[1] + ".log";
                 for (size_t i = 2; i < w.size(); i++)
-                    options.signals.push_back(w[i] == "INT"    ? SIGINT
-                                              : w[i] == "USR1" ? SIGUSR1
-                                                               : SIGQUIT);
+                    options.signals.push_back(kSignals.at(w[i]));
             }
         }
-        std::vector<std::string> argv = {
-            "-c", sb.write_config("tarn.config", {config.begin(), config.end()}), "nfs"};
-        for (const std::string &a : split(s.args, ' '))
-            argv.push_back(a);
-        auto r = tarn_test::run_tool(argv, options);
+        std::erase_if(config, [](const auto &kv) { return kv.second == "<unset>"; });
+        std::string conf = sb.write_config("tarn.config", {config.begin(), config.end()});
+        auto r = tarn_test::run_tool(split("-c " + conf + " nfs " + s.args, ' '), options);
         ASSERT_FALSE(r.timed_out) << "nfs did not end within 30 s:\n" << r.err;
         EXPECT_EQ(r.status, s.status) << r.err;
         EXPECT_EQ(r.err.find("signal") != std::string::npos, s.status == 130) << r.err;
@@ -218,9 +204,8 @@ TEST(Nfs, StatusMessageAndCalls)
         std::map<std::string, std::vector<std::string>> calls;
         std::string out;
         for (const std::string &e : split(s.expect, '|')) {
-            size_t blank = std::min(e.find(' '), e.size());
-            std::string word = e.substr(0, blank),
-                        rest = expand(e.substr(std::min(blank + 1, e.size())));
+            std::string word = e.substr(0, e.find(' ')),
+                        rest = expand(e.substr(std::min(word.size() + 1, e.size())));
             if (word[0] == '+' || word[0] == '-') {
                 EXPECT_EQ(sb.exists(e.substr(1)), word[0] == '+') << e;
             } else if (word == "table") {
