@@ -240,12 +240,10 @@ const TreeCase kTrees[] = {
      0, "conf.d/ tier=2"},
     {"hostile_root_and_attribute", "root r'$(touch pwned)'",
      "init-dirs encoding=2+1 tier=`touch${IFS}pwned`", 0, "conf.d/ replicas=2:1"},
-    {"hostile_root_upgrade",
-     "root r'$(touch pwned)'|init-dirs encoding=2+1 tier=3|rmdir r'$(touch pwned)'/conf.d",
-     "upgrade-dirs", 0, "conf.d/ tier=3"},
-    {"hostile_attribute_upgrade",
-     "root q|init-dirs encoding=2+1 tier=$(touch${IFS}pwned)|rmdir q/conf.d", "upgrade-dirs", 0,
-     "conf.d/ tier=$(touch${IFS}pwned)|conf.d/ replicas=2:1"},
+    {"hostile_root_and_attribute_upgrade",
+     "root r'$(touch pwned)'|init-dirs encoding=2+1 tier=$(touch${IFS}pwned)"
+     "|rmdir r'$(touch pwned)'/conf.d",
+     "upgrade-dirs", 0, "conf.d/ tier=$(touch${IFS}pwned)|conf.d/ replicas=2:1"},
 };
 
 void prepare(Tree &t, const std::string &step)
