@@ -5,8 +5,8 @@
 #include "mox/mox.h"
 #include "sandbox.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <map>
@@ -66,10 +66,8 @@ struct Tree {
         o.path = {QUILLON_SIM_DIR};
         auto r = tarn_test::run({"quillon", "-A", "-q", "get-attr", path(rel)}, o);
         EXPECT_EQ(r.status, 0) << rel << ": " << r.err;
-        std::string joined;
-        for (const std::string &line : split(r.out, '\n'))
-            joined += (joined.empty() ? "" : ",") + line;
-        return joined;
+        std::replace(r.out.begin(), r.out.end(), '\n', ',');
+        return r.out.substr(0, r.out.size() - !r.out.empty());
     }
     std::string path(const std::string &rel) const { return rel.empty() ? root : root + "/" + rel; }
 };
@@ -94,8 +92,8 @@ const std::string kQuery =
 // the configuration (by default local storage under "r"); "mkdir REL" (at
 // 0755), "rmdir REL" and "file REL" change the sandbox; "fail GLOB": the
 // stand-in fails the calls that match; "slow SIGNALS TEXT": the call holding
-// TEXT is slow and the signals (INT, TERM, USR1 or QUIT, separated by ",")
-// come while it runs; anything else is a command line that must succeed.
+// TEXT is slow and the signals (numbers, separated by ",") come while it
+// runs; anything else is a command line that must succeed.
 // `expect` ("@" stands for the root, "@G" for the query of its attributes):
 // "err TEXT" (a part of standard error; "then TEXT": one after the last
 // found), "root ATTRS" (what the calls on the root set, in order), "calls N"
@@ -149,7 +147,6 @@ const TreeCase kTrees[] = {
      "err failed to find a line 'storage.type = <type>' in TARN config file: -8 (|calls 0"},
     {"init_no_root", "no root_dir", "init-dirs encoding=1+0", 1,
      "err TARN config file does not define $root_dir.\n|calls 0"},
-    {"set_attrs_only", "type swift|init-dirs encoding=2+1", "set-attr tier=3", 0, "root tier=3"},
     {"set_encoding", "init-dirs encoding=2+1", "set-attr encoding=4+1/1 tier=0", 0,
      "root encoding=4+1/1,tier=0"},
     {"set_type_before_root", "type nfs|no root_dir", "set-attr tier=3", 1,
@@ -224,34 +221,29 @@ const TreeCase kTrees[] = {
     // SIGINT or SIGTERM while a call is slow: the call runs to its end and
     // the command stops after it with 128 + the signal; a second signal ends
     // the run at once; SIGUSR1 and SIGQUIT change nothing.
-    {"sigint_during_init", "slow INT /var/clients/ replicas=", "init-dirs encoding=2+1", 130,
+    {"sigint_during_init", "slow 2 /var/clients/ replicas=", "init-dirs encoding=2+1", 130,
      "err received SIGINT; stopping after the running step"
      "|then /var/clients/'; the tree's empty directories are removed"
      "|then terminated by signal SIGINT|-r"},
-    {"sigterm_then_sigint", "slow TERM,INT /var/clients/ replicas=", "init-dirs encoding=2+1", 130,
+    {"sigterm_then_sigint", "slow 15,2 /var/clients/ replicas=", "init-dirs encoding=2+1", 130,
      "err received SIGTERM; stopping after the running step|then terminated by signal SIGINT"
      "|+r/var/clients"},
-    {"sigusr1_sigquit_ignored", "slow USR1,QUIT /var/clients/ replicas=", "init-dirs encoding=2+1",
-     0, "+r/conf.d"},
-    {"sigterm_during_set", "init-dirs encoding=2+1|slow TERM /var/ tier=3", "set-attr tier=3", 143,
+    {"sigusr1_sigquit_ignored", "slow 10,3 /var/clients/ replicas=", "init-dirs encoding=2+1", 0,
+     "+r/conf.d"},
+    {"sigterm_during_set", "init-dirs encoding=2+1|slow 15 /var/ tier=3", "set-attr tier=3", 143,
      "err received SIGTERM; stopping after the running step"
      "|then /var/clients/'; the directories before it keep their new attributes"
      "|var/ tier=3|certs/ tier"},
     // Shell syntax in the root or in an attribute reaches the stand-in as
     // text: nothing runs, and the value is stored as given.
-    {"hostile_root", "root r;touch pwned;", "init-dirs encoding=2+1 tier=1", 0, "conf.d/ tier=1"},
     {"hostile_root_set", "root r $(touch pwned)|init-dirs encoding=2+1 tier=1", "set-attr tier=2",
      0, "conf.d/ tier=2"},
-    {"hostile_attribute", "", "init-dirs encoding=2+1 tier=1;touch${IFS}pwned", 0,
-     "conf.d/ tier=1;touch${IFS}pwned"},
     {"hostile_root_and_attribute", "root r'$(touch pwned)'",
      "init-dirs encoding=2+1 tier=`touch${IFS}pwned`", 0, "conf.d/ replicas=2:1"},
-    {"hostile_root_upgrade",
-     "root r'$(touch pwned)'|init-dirs encoding=2+1 tier=3|rmdir r'$(touch pwned)'/conf.d",
-     "upgrade-dirs", 0, "conf.d/ tier=3"},
-    {"hostile_attribute_upgrade",
-     "root q|init-dirs encoding=2+1 tier=$(touch${IFS}pwned)|rmdir q/conf.d", "upgrade-dirs", 0,
-     "conf.d/ tier=$(touch${IFS}pwned)|conf.d/ replicas=2:1"},
+    {"hostile_root_and_attribute_upgrade",
+     "root r'$(touch pwned)'|init-dirs encoding=2+1 tier=$(touch${IFS}pwned)"
+     "|rmdir r'$(touch pwned)'/conf.d",
+     "upgrade-dirs", 0, "conf.d/ tier=$(touch${IFS}pwned)|conf.d/ replicas=2:1"},
 };
 
 void prepare(Tree &t, const std::string &step)
@@ -270,10 +262,7 @@ void prepare(Tree &t, const std::string &step)
         std::string names = rest.substr(0, rest.find(' '));
         t.slow = rest.substr(names.size() + 1);
         for (const std::string &n : split(names, ','))
-            t.signals.push_back(n == "INT"    ? SIGINT
-                                : n == "TERM" ? SIGTERM
-                                : n == "USR1" ? SIGUSR1
-                                              : SIGQUIT);
+            t.signals.push_back(std::stoi(n));
     } else if (word == "mkdir") {
         t.sb.mkdir(rest, 0755);
     } else if (word == "rmdir") {
@@ -348,10 +337,6 @@ TEST(Dirs, CommandsOnTheTree)
         EXPECT_EQ(r.err.find("signal") != std::string::npos, c.status == 130 || c.status == 143)
             << r.err;
         auto log = split(t.sb.read_file("quillon.log"), '\n');
-        if (c.status == 255) {
-            EXPECT_EQ(r.err, c.expect);
-            continue;
-        }
         size_t at = 0;
         for (const std::string &what : split(c.expect, '|')) {
             SCOPED_TRACE(what);

@@ -30,11 +30,6 @@ int32_t call_fn(mox_co *, void *arg)
     return 0;
 }
 
-mox_co *spawn(std::function<void()> *fn, mox_context *ctx = nullptr)
-{
-    return mox_co_create(ctx, call_fn, fn);
-}
-
 // Under the sanitizers this checks the stack-switch annotations: coroutines
 // that end, a coroutine started and joined from another, deep frames and an
 // exception after a round trip to the worker thread.
@@ -58,7 +53,7 @@ TEST(Coroutines, SwitchesEndsAndNestedStarts)
         std::function<void()> inner = [&] { trace += deep(200) == 200 * 201 / 2 ? "i" : "?"; };
         std::function<void()> b = [&] {
             trace += "b";
-            mox_co_join(spawn(&inner));
+            mox_co_join(mox_co_create(nullptr, call_fn, &inner));
             try {
                 mox_loop *back =
                     mox_co_migrate_to_thread(mox_process_worker(mox_current_process()));
@@ -68,8 +63,8 @@ TEST(Coroutines, SwitchesEndsAndNestedStarts)
                 trace += e.what();
             }
         };
-        mox_co *ca = spawn(&a);
-        mox_co *cb = spawn(&b);
+        mox_co *ca = mox_co_create(nullptr, call_fn, &a);
+        mox_co *cb = mox_co_create(nullptr, call_fn, &b);
         EXPECT_EQ(mox_co_wait_link(ca)->next, mox_co_wait_link(ca)); // in no wait queue
         EXPECT_EQ(mox_co_join(ca), 0);
         EXPECT_EQ(mox_co_join(cb), 0);
@@ -98,7 +93,7 @@ TEST(Contexts, DeadlinesOfChildrenAndTheirEnd)
             EXPECT_EQ(mox_co_mkdir("/tmp", 0700), -ETIMEDOUT);
             EXPECT_EQ(mox_co_wait_timeout(&ms), -ETIMEDOUT);
         };
-        mox_co_join(spawn(&late, child));
+        mox_co_join(mox_co_create(child, call_fn, &late));
         mox_context_put(child);
         mox_context_put(parent);
     });
@@ -268,7 +263,7 @@ TEST(ConfigExpand, ReferencesLoopsAndChainsStayBounded)
     }
     mox_config *c = mox_read_config_mem(text.c_str());
     ASSERT_NE(c, nullptr);
-    const char *before = nullptr, *v = nullptr;
+    const char *before = nullptr;
     mox_config_getstr_expand(c, "storage", &before);
     // c5000: 64 levels are followed, the rest stays as written.
     EXPECT_EQ(values(c,
@@ -277,8 +272,7 @@ TEST(ConfigExpand, ReferencesLoopsAndChainsStayBounded)
                      true),
               "/srv/tarn/storage|/srv/tarnx|/srv/tarn/storage/nfs.|cost $5|$nope/x|a$self|"
               "<$ping>|${root_dir|-8|-29||$c4935|");
-    EXPECT_EQ(mox_config_getstr_expand(c, "k10", &v), 0);
-    EXPECT_EQ(strlen(v), 1024u);
+    EXPECT_EQ(values(c, {"k10"}, true).size(), 1025u);
     mox_config_setstr(c, "root_dir", "/other");
     EXPECT_EQ(values(c, {"storage"}, true), "/other/storage|");
     EXPECT_STREQ(before, "/srv/tarn/storage"); // earlier results stay valid
