@@ -66,7 +66,9 @@ struct mox_co {
     boost::context::fiber caller; // whoever resumed it, while it runs
     boost::context::stack_context stack{};
 
-    mox_detail::CoState state = mox_detail::CoState::Ready;
+    // Read by a joiner on the loop while a migrated coroutine runs on the
+    // worker.
+    std::atomic<mox_detail::CoState> state{mox_detail::CoState::Ready};
     mox_detail::CoNext next = mox_detail::CoNext::Stay;
     mox_worker *target_worker = nullptr;
     int wait_result = 0;
