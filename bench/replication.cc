@@ -58,6 +58,13 @@ struct Tree {
             calls += 1 + pages(in_dir(d));
         return calls;
     }
+    // Calls `fn` with the path of every file, directory by directory.
+    template <class Fn> void each_file(Fn fn) const
+    {
+        for (long d = 0; d < dirs; d++)
+            for (long f = 0; f < in_dir(d); f++)
+                fn(file(d, f));
+    }
 };
 
 // The account on the master, and its empty directory on the slave, which
@@ -116,11 +123,11 @@ double bare_enable(const Sim &master, const Sim &slave, const Tree &t)
                 ember_set_trust_secret(s, name, 1, "bench secret") != 0)
                 abort();
             auto t0 = clock_type::now();
-            for (long d = 0; d < t.dirs; d++)
-                for (long f = 0; f < t.in_dir(d); f++)
-                    if (ember_file_enable_replication(m, t.file(d, f).c_str(), slave.addr().c_str(),
-                                                      "dc-b") != 0)
-                        abort();
+            t.each_file([&](const std::string &path) {
+                if (ember_file_enable_replication(m, path.c_str(), slave.addr().c_str(), "dc-b") !=
+                    0)
+                    abort();
+            });
             ms = ms_since(t0);
             ember_client_put(s);
             ember_client_put(m);
@@ -181,18 +188,14 @@ double bare_check(const Sim &master, const Sim &slave, const Tree &t)
                 mox_free(secret);
             }
             list_tree(m, t);
-            for (long d = 0; d < t.dirs; d++)
-                for (long f = 0; f < t.in_dir(d); f++)
-                    state_of(m, t.file(d, f));
+            t.each_file([&](const std::string &path) { state_of(m, path); });
             list_tree(s, t);
-            for (long d = 0; d < t.dirs; d++)
-                for (long f = 0; f < t.in_dir(d); f++) {
-                    state_of(s, t.file(d, f));
-                    ember_file *h = nullptr;
-                    if (ember_file_open(m, &h, t.file(d, f).c_str(), 0) != 0 ||
-                        ember_file_close(h) != 0)
-                        abort();
-                }
+            t.each_file([&](const std::string &path) {
+                state_of(s, path);
+                ember_file *h = nullptr;
+                if (ember_file_open(m, &h, path.c_str(), 0) != 0 || ember_file_close(h) != 0)
+                    abort();
+            });
             ms = ms_since(t0);
             ember_client_put(s);
             ember_client_put(m);

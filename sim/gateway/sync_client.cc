@@ -161,31 +161,6 @@ constexpr size_t idle_max = 8;
 
 } // namespace
 
-int sync_post(const std::string &addr, const char *target, const std::string &body,
-              const std::string &mac, std::chrono::milliseconds timeout, unsigned &status,
-              std::string &answer)
-{
-    std::string host;
-    uint16_t port;
-    if (!p::parse_address(addr.c_str(), host, port))
-        return p::err_inval;
-    auto deadline = clock_type::now() + timeout;
-    asio::ssl::context ctx = client_context();
-    connection conn(ctx, host);
-    request_type req = make_request(host, target, body, mac);
-    response_parser parser;
-    int rc = conn.open(host, port, deadline);
-    if (rc == 0)
-        rc = conn.write(req, deadline);
-    if (rc == 0)
-        rc = conn.read(parser, deadline);
-    if (rc != 0)
-        return rc;
-    status = parser.get().result_int();
-    answer = std::move(parser.get().body());
-    return 0;
-}
-
 struct peer_pool::impl {
     asio::ssl::context ctx = client_context();
     std::mutex mu;
@@ -253,6 +228,15 @@ int peer_pool::post(const std::string &addr, const char *target, const std::stri
         impl_->give(addr, std::move(conn));
     }
     return 0;
+}
+
+// A pool of its own holds no idle connection: the request goes on a fresh
+// one, which ends with the pool.
+int sync_post(const std::string &addr, const char *target, const std::string &body,
+              const std::string &mac, std::chrono::milliseconds timeout, unsigned &status,
+              std::string &answer)
+{
+    return peer_pool().post(addr, target, body, mac, timeout, status, answer);
 }
 
 int send_peer(peer_pool &pool, const std::string &addr, const char *target, const std::string &body,

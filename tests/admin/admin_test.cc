@@ -86,9 +86,10 @@ TEST(Usage, EveryTextByteForByte)
         for (std::string w; in >> w;)
             argv.push_back(w);
         auto r = tarn_test::run_tool(argv);
-        ASSERT_FALSE(usage_text(row).empty()) << row.text << ".txt is missing";
+        std::string text = usage_text(row);
+        ASSERT_FALSE(text.empty()) << row.text << ".txt is missing";
         EXPECT_EQ(r.status, 255) << row.args;
-        EXPECT_EQ(r.err, row.before + usage_text(row)) << row.args;
+        EXPECT_EQ(r.err, row.before + text) << row.args;
     }
 }
 
